@@ -1,0 +1,55 @@
+"""What every Python service of the gateway needs: a clean start and end, and its place on the gateway's bus."""
+
+import os
+import signal
+import sys
+
+import dbus
+import dbus.bus
+import dbus.lowlevel
+import dbus.mainloop.glib
+import dbus.service
+from gi.repository import GLib
+
+BUS_ADDRESS = "unix:path=/tmp/var/run/mbusd/mbusd_socket"
+WATCHDOG = "iot.gateway.watchdog"
+
+
+class GatewayService(dbus.service.Object):
+    """A service with a name on the gateway's bus, at the object path that follows from the name.
+
+    A subclass exports its methods with @dbus.service.method(BUS_NAME, ...) and calls `every` for what it does by
+    itself. `run` returns when the service is told to stop; it ends the process when the bus is gone, since the
+    supervisor then starts everything again.
+    """
+
+    def __init__(self, bus_name):
+        # Services are started with no umask at all.
+        os.umask(0o022)
+        dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
+        self.bus_name = bus_name
+        self.loop = GLib.MainLoop()
+        self.bus = dbus.bus.BusConnection(BUS_ADDRESS)
+        self.bus.set_exit_on_disconnect(False)
+        self.bus.call_on_disconnection(lambda _connection: sys.exit(1))
+        super().__init__(self.bus, "/" + bus_name.replace(".", "/"))
+        for number in (signal.SIGTERM, signal.SIGINT):
+            GLib.unix_signal_add(GLib.PRIORITY_HIGH, number, self.loop.quit)
+
+    def run(self):
+        """Take the name, which tells the supervisor that this service is up, and serve until told to stop."""
+        if self.bus.request_name(self.bus_name, dbus.bus.NAME_FLAG_DO_NOT_QUEUE) != dbus.bus.REQUEST_NAME_REPLY_PRIMARY_OWNER:
+            sys.exit(1)
+        self.loop.run()
+
+    def every(self, seconds, action):
+        """Call the action now and every so many seconds, for as long as it returns true."""
+        if action():
+            GLib.timeout_add_seconds(seconds, action)
+
+    def feed_dog(self, item, seconds):
+        """Tell the watchdog that this service is well, and must be told so again within so many seconds."""
+        message = dbus.lowlevel.SignalMessage("/" + WATCHDOG.replace(".", "/"), WATCHDOG, "feedDog")
+        message.set_destination(WATCHDOG)
+        message.append(self.bus_name, item, seconds, signature="ssi")
+        self.bus.send_message(message)

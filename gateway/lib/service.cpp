@@ -1,0 +1,143 @@
+#include "service.h"
+
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <system_error>
+
+namespace gateway {
+
+bool write_state(const std::string& service, const std::string& text) {
+  const std::filesystem::path directory = std::filesystem::path(run_root) / service;
+  const std::filesystem::path fresh = directory / "state.new";
+  std::error_code error;
+  std::filesystem::create_directories(directory, error);
+  std::ofstream file(fresh, std::ios::trunc);
+  file << text;
+  file.close();
+  if (!file) return false;
+  std::filesystem::rename(fresh, directory / "state", error);
+  return !error;
+}
+
+StopSignal::StopSignal() {
+  ::umask(022);
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGINT);
+  sigprocmask(SIG_BLOCK, &set, nullptr);
+  descriptor_ = ::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+}
+
+StopSignal::~StopSignal() { ::close(descriptor_); }
+
+void StopSignal::take() {
+  signalfd_siginfo info{};
+  if (::read(descriptor_, &info, sizeof info) == sizeof info) stopped_ = true;
+}
+
+bool StopSignal::wait(std::chrono::milliseconds time) {
+  const auto end = std::chrono::steady_clock::now() + time;
+  while (!stopped_) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+    if (left.count() <= 0) break;
+    pollfd ready{descriptor_, POLLIN, 0};
+    ::poll(&ready, 1, static_cast<int>(std::min<std::int64_t>(left.count(), INT32_MAX)));
+    take();
+  }
+  return stopped_;
+}
+
+BusService::BusService(std::string name, std::string path, std::string introspection, StopSignal& stop)
+    : name_(std::move(name)), path_(std::move(path)), introspection_(std::move(introspection)), stop_(stop) {}
+
+BusService::~BusService() {
+  if (connection_ == nullptr) return;
+  dbus_connection_close(connection_);
+  dbus_connection_unref(connection_);
+}
+
+bool BusService::connect() {
+  DBusError error = DBUS_ERROR_INIT;
+  // A private connection: a shared one of libdbus ends the process when the bus goes away.
+  connection_ = dbus_connection_open_private(bus_address, &error);
+  static const DBusObjectPathVTable table{nullptr, &BusService::on_message, nullptr, nullptr, nullptr, nullptr};
+  const bool connected = connection_ != nullptr && dbus_bus_register(connection_, &error) &&
+                         dbus_connection_register_object_path(connection_, path_.c_str(), &table, this) &&
+                         dbus_bus_request_name(connection_, name_.c_str(), DBUS_NAME_FLAG_DO_NOT_QUEUE, &error) ==
+                             DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER;
+  dbus_error_free(&error);
+  return connected;
+}
+
+void BusService::feed_dog(const std::string& item, std::chrono::seconds until_next) {
+  DBusMessage* signal =
+      dbus_message_new_signal("/iot/gateway/watchdog", "iot.gateway.watchdog", "feedDog");
+  const char* name = name_.c_str();
+  const char* key = item.c_str();
+  const auto seconds = static_cast<dbus_int32_t>(std::min<std::int64_t>(until_next.count(), INT32_MAX));
+  dbus_message_set_destination(signal, "iot.gateway.watchdog");
+  dbus_message_append_args(signal, DBUS_TYPE_STRING, &name, DBUS_TYPE_STRING, &key, DBUS_TYPE_INT32, &seconds,
+                           DBUS_TYPE_INVALID);
+  dbus_connection_send(connection_, signal, nullptr);
+  dbus_message_unref(signal);
+}
+
+bool BusService::serve(std::chrono::milliseconds time) {
+  const auto end = std::chrono::steady_clock::now() + time;
+  int bus = -1;
+  dbus_connection_get_unix_fd(connection_, &bus);
+  while (!stop_.stopped()) {
+    // What is queued is written, what has arrived is read and answered, and only then the time is asked for.
+    if (!dbus_connection_read_write(connection_, 0)) return false;
+    while (dbus_connection_dispatch(connection_) == DBUS_DISPATCH_DATA_REMAINS) {
+    }
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+    if (left.count() <= 0) return true;
+    short events = POLLIN;
+    if (dbus_connection_has_messages_to_send(connection_)) events |= POLLOUT;
+    pollfd ready[] = {{bus, events, 0}, {stop_.descriptor_, POLLIN, 0}};
+    ::poll(ready, 2, static_cast<int>(std::min<std::int64_t>(left.count(), INT32_MAX)));
+    stop_.take();
+  }
+  return false;
+}
+
+DBusHandlerResult BusService::on_message(DBusConnection*, DBusMessage* message, void* self) {
+  if (dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_METHOD_CALL) return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+  return static_cast<BusService*>(self)->answer(message);
+}
+
+DBusHandlerResult BusService::answer(DBusMessage* call) {
+  DBusMessage* reply = dbus_message_new_method_return(call);
+  if (dbus_message_is_method_call(call, DBUS_INTERFACE_INTROSPECTABLE, "Introspect")) {
+    const std::string xml = std::string(DBUS_INTROSPECT_1_0_XML_DOCTYPE_DECL_NODE) + "<node><interface name=\"" +
+                            name_ + "\">" + introspection_ + "</interface></node>";
+    const char* text = xml.c_str();
+    dbus_message_append_args(reply, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
+  } else {
+    const auto found = methods_.find(dbus_message_get_member(call));
+    const char* interface = dbus_message_get_interface(call);
+    if (found == methods_.end() || (interface != nullptr && name_ != interface)) {
+      dbus_message_unref(reply);
+      // libdbus then answers with the standard error.
+      return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+    }
+    if (!found->second(call, reply)) {
+      dbus_message_unref(reply);
+      reply = dbus_message_new_error(call, DBUS_ERROR_INVALID_ARGS, "wrong arguments");
+    }
+  }
+  if (!dbus_message_get_no_reply(call)) dbus_connection_send(connection_, reply, nullptr);
+  dbus_message_unref(reply);
+  return DBUS_HANDLER_RESULT_HANDLED;
+}
+
+}  // namespace gateway

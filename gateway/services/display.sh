@@ -1,0 +1,23 @@
+#!/bin/bash
+# display: keeps the line for the gateway's display, with the temperature that the sensor service tells.
+#
+# A shell service that asks another one over the bus. It has no bus name of its own, so the supervisor waits the
+# catalogue's "delay" after its start.
+#
+# usage: display.sh BUS_NAME, the name being that of the sensor service
+
+. "${0%/*}/../lib/service.sh"
+
+sensors=${1:-iot.gateway.sensors}
+
+temperature() {
+    dbus-send --bus="$bus_address" --print-reply=literal --reply-timeout=2000 \
+        --dest="$sensors" "/${sensors//.//}" "$sensors.read" 2>/dev/null
+}
+
+while :; do
+    # The reply reads "   double 20.5".
+    value=$(temperature | awk '$1 == "double" { printf "%.1f C", $2 }')
+    echo "temperature ${value:-unknown}" | write_state display
+    pause 5
+done
