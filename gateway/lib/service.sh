@@ -6,8 +6,8 @@
 export PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin
 umask 022
 
-bus_address=unix:path=/tmp/var/run/mbusd/mbusd_socket
-run_root=/quorvane/run
+export bus_address=unix:path=/tmp/var/run/mbusd/mbusd_socket
+export run_root=/quorvane/run
 
 # A pipe that is held open at both ends and never written to: waiting for it lets time pass without a process for it,
 # which would outlive a service that is killed.

@@ -6,6 +6,7 @@
 #
 # usage: display.sh BUS_NAME, the name being that of the sensor service
 
+# shellcheck source=gateway/lib/service.sh
 . "${0%/*}/../lib/service.sh"
 
 sensors=${1:-iot.gateway.sensors}

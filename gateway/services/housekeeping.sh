@@ -3,6 +3,7 @@
 #
 # Not monitored in the catalogue ("monitor": 0): when it ends, it stays away until the next start of the gateway.
 
+# shellcheck source=gateway/lib/service.sh
 . "${0%/*}/../lib/service.sh"
 
 while :; do

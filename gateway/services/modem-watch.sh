@@ -3,6 +3,7 @@
 #
 # A plain shell service that can be told to crash: SIGUSR1 ends it as a fault would.
 
+# shellcheck source=gateway/lib/service.sh
 . "${0%/*}/../lib/service.sh"
 
 trap 'kill -ABRT $$' USR1
