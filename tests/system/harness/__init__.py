@@ -1,0 +1,1 @@
+"""What the system tests stand on: private namespaces, processes, the start-up log, the bus."""
