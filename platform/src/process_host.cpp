@@ -1,0 +1,185 @@
+#include "platform/process_host.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+
+#include <utility>
+
+#include "platform/signal_window.h"
+#include "platform/sys/process.h"
+#include "platform/thread.h"
+#include "platform/time.h"
+
+// Why no signal of the daemon can reach a stranger, and no death is lost:
+//
+//   fork -> pid stored -> death noticed -> pid cleared -> pid reaped
+//
+// One thread does the first and the last four of these, so they cannot overlap. It forks and lets the starter store the
+// pid before it looks for deaths again, so a death always finds the pid that it belongs to, however fast the child was.
+// It looks for deaths without reaping: while a child is a zombie the kernel keeps its number, so everybody who still
+// reads that number means this child. Only after the owner has cleared the pid does it strike the child from the
+// table and reap it, in one step under the lock that every sender holds while it looks its target up and signals it. A
+// sender therefore finds the child in the table, and then its number is still taken, or does not find it and sends
+// nothing. The serial tells two children apart that were given the same number one after the other.
+
+namespace Tessaro::Iot::Component {
+
+void CSpawnPlan::add_argument(const std::string& argument) {
+  const size_t end = argument.find('\0');  // what a C string would carry
+  arguments.push_back(argument.substr(0, end).substr(0, max_argument_length));
+}
+
+struct CProcessHost::Request {
+  const CSpawnPlan& plan;
+  const StartedHandler& on_started;
+  ProcessRef result{};
+  bool done = false;
+};
+
+CProcessHost& CProcessHost::instance() {
+  // Never destroyed: threads may still ask it for a signal while the process ends.
+  static CProcessHost* const host = new CProcessHost();
+  return *host;
+}
+
+CProcessHost::CProcessHost() = default;
+CProcessHost::~CProcessHost() = default;
+
+bool CProcessHost::bind_to_this_thread() {
+  // A starter that ignores SIGCHLD hands that down, and then the kernel would keep no death for us.
+  struct sigaction standard {};
+  standard.sa_handler = SIG_DFL;
+  (void)::sigaction(SIGCHLD, &standard, nullptr);  // cannot fail for SIGCHLD
+  sigset_t child_signal;
+  (void)::sigemptyset(&child_signal);
+  (void)::sigaddset(&child_signal, SIGCHLD);
+  (void)::pthread_sigmask(SIG_BLOCK, &child_signal, nullptr);
+  child_event_ = UniqueFd(::signalfd(-1, &child_signal, SFD_NONBLOCK | SFD_CLOEXEC));
+  request_event_ = UniqueFd(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+  host_thread_ = std::this_thread::get_id();
+  return child_event_.valid() && request_event_.valid();
+}
+
+bool CProcessHost::on_host_thread() const {
+  return host_thread_ == std::thread::id() || host_thread_ == std::this_thread::get_id();
+}
+
+ProcessRef CProcessHost::spawn(const CSpawnPlan& plan, const StartedHandler& on_started) {
+  if (on_host_thread()) return fork_and_store(plan, on_started);
+  Request request{plan, on_started};
+  std::unique_lock lock(mutex_);
+  requests_.push_back(&request);
+  const uint64_t one = 1;
+  (void)!::write(request_event_.get(), &one, sizeof one);  // full: the host is awake already
+  served_.wait(lock, [&request] { return request.done; });
+  return request.result;
+}
+
+ProcessRef CProcessHost::fork_and_store(const CSpawnPlan& plan, const StartedHandler& on_started) {
+  ProcessRef process;
+  const int32_t pid = sys::fork_child(plan);
+  if (pid > 0) {
+    const std::lock_guard lock(mutex_);
+    process = ProcessRef{pid, next_serial_++};
+    children_[pid] = process.serial;
+  }
+  if (on_started) on_started(process);
+  return process;
+}
+
+ProcessRef CProcessHost::adopt(int32_t pid) {
+  UniqueFd handle(sys::open_process(pid));
+  if (!handle.valid()) return ProcessRef{pid, 0};
+  const std::lock_guard lock(mutex_);
+  const ProcessRef process{pid, next_serial_++};
+  adopted_.emplace(process.serial, std::move(handle));
+  return process;
+}
+
+void CProcessHost::forget(ProcessRef process) {
+  const std::lock_guard lock(mutex_);
+  adopted_.erase(process.serial);
+}
+
+int32_t CProcessHost::signal(ProcessRef process, int32_t signal_number) {
+  const std::lock_guard lock(mutex_);
+  const auto adopted = adopted_.find(process.serial);
+  if (adopted != adopted_.end()) return sys::signal_open_process(adopted->second.get(), signal_number);
+  const auto child = children_.find(process.pid);
+  if (child == children_.end() || child->second != process.serial) return -1;
+  return sys::send_signal(process.pid, signal_number);
+}
+
+bool CProcessHost::is_current(ProcessRef process) {
+  const std::lock_guard lock(mutex_);
+  const auto adopted = adopted_.find(process.serial);
+  if (adopted != adopted_.end()) return sys::signal_open_process(adopted->second.get(), 0) == 0;
+  const auto child = children_.find(process.pid);
+  return child != children_.end() && child->second == process.serial;
+}
+
+void CProcessHost::run_to_end(const CSpawnPlan& plan) {
+  constexpr int64_t recheck_ms = 1000;
+  const ProcessRef process = spawn(plan, nullptr);
+  if (process.pid < 1) return;
+  while (!sys::peek_ended_child(process.pid)) {
+    pollfd event{child_event_.get(), POLLIN, 0};
+    (void)SignalWindow::poll(&event, 1, recheck_ms);
+    signalfd_siginfo news{};
+    (void)!::read(child_event_.get(), &news, sizeof news);  // emptied; other deaths are found by the first serve
+  }
+  const std::lock_guard lock(mutex_);
+  children_.erase(process.pid);
+  sys::reap_child(process.pid);
+}
+
+void CProcessHost::wait_until_ended(ProcessRef process, int64_t timeout_ms) {
+  constexpr int64_t recheck_ms = 10;
+  const int64_t end = CTime::getSystemStartupMilliSecond() + timeout_ms;
+  while (is_current(process) && !sys::peek_ended_child(process.pid) && CTime::getSystemStartupMilliSecond() < end) {
+    CThread::sleep(recheck_ms);
+  }
+}
+
+void CProcessHost::serve(int64_t timeout_ms, const EndedHandler& on_ended) {
+  serve_requests();
+  int32_t pid = 0;
+  int32_t raw_status = 0;
+  while (sys::peek_ended_child(pid, raw_status)) {
+    on_ended(pid, raw_status);
+    {
+      const std::lock_guard lock(mutex_);
+      children_.erase(pid);
+      sys::reap_child(pid);
+    }
+    serve_requests();  // a start does not wait behind a burst of deaths
+  }
+  wait_for_event(timeout_ms);
+}
+
+void CProcessHost::serve_requests() {
+  std::unique_lock lock(mutex_);
+  while (!requests_.empty()) {
+    Request* const request = requests_.front();
+    requests_.pop_front();
+    lock.unlock();
+    const ProcessRef process = fork_and_store(request->plan, request->on_started);
+    lock.lock();
+    request->result = process;
+    request->done = true;
+    served_.notify_all();
+  }
+}
+
+void CProcessHost::wait_for_event(int64_t timeout_ms) {
+  pollfd events[] = {{child_event_.get(), POLLIN, 0}, {request_event_.get(), POLLIN, 0}};
+  (void)SignalWindow::poll(events, 2, timeout_ms);  // whatever ended the wait, the next turn looks at everything
+  signalfd_siginfo news{};
+  (void)!::read(child_event_.get(), &news, sizeof news);
+  uint64_t count = 0;
+  (void)!::read(request_event_.get(), &count, sizeof count);
+}
+
+}  // namespace Tessaro::Iot::Component

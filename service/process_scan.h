@@ -1,0 +1,17 @@
+// The scan of /proc for the running programs of this installation.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace Tessaro::Iot::Component {
+
+// Appends the pid of every process whose executable lies below the install root, has the base name of `name` and shares
+// the own mount namespace. A program that was replaced on disk while it runs is still found; a script is not (its
+// executable is the interpreter). The caller's own process is found like any other.
+// Returns true when /proc could be read, also without a match.
+// Context: any thread.
+[[nodiscard]] bool find_processes_by_name(const std::string& name, std::vector<int32_t>& pids);
+
+}  // namespace Tessaro::Iot::Component
