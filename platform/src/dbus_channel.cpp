@@ -1,0 +1,495 @@
+// Threads of a channel: its dispatch thread alone reads, dispatches and handles. Other threads only send, and wait for
+// an answer on a condition variable of their own. libdbus never waits inside a call made here: all waiting is in one
+// poll of the dispatch thread, so nobody can hold up anybody else's message.
+#include "platform/dbus_channel.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <mutex>
+#include <string_view>
+#include <utility>
+
+#include "dbus_call.h"
+#include "dbus_introspection.h"
+#include "dbus_link.h"
+#include "platform/dbus_connection.h"
+#include "platform/text.h"
+#include "platform/thread.h"
+
+namespace Tessaro::Iot::Component {
+
+namespace {
+
+constexpr int64_t setup_timeout_ms = 2000;
+constexpr int64_t farewell_timeout_ms = 500;
+constexpr int64_t reconnect_interval_ms = 500;
+constexpr int wait_for_ever = -1;
+
+constexpr int64_t max_waiting_signals = int64_t{1024} * 1024;
+// Calls and replies are only dropped when the bus takes nothing at all any more.
+constexpr int64_t max_waiting_calls = 16 * max_waiting_signals;
+
+std::string_view text_of(const char* text) noexcept { return text == nullptr ? std::string_view() : text; }
+
+std::string thread_name(const std::string& bus_name) {
+  return bus_name.empty() ? "bus-client" : "bus-" + bus_name.substr(bus_name.rfind('.') + 1);
+}
+
+// The message of `operation` as it can be sent; a copy of one that was sent before, which libdbus has locked.
+DBusMessagePtr sendable(const CDBusMessageOpr& operation) noexcept {
+  DBusMessage* message = operation.message();
+  if (message == nullptr) return nullptr;
+  const bool fresh = dbus_message_get_serial(message) == 0;
+  return DBusMessagePtr(fresh ? dbus_message_ref(message) : dbus_message_copy(message));
+}
+
+CDBusResponse error_answer(DBusMessage* call, const char* error_name, const char* text) noexcept {
+  return CDBusResponse(DBusMessagePtr(dbus_message_new_error(call, error_name, text)));
+}
+
+}  // namespace
+
+class CDBusChannel::Impl {
+ public:
+  Impl(std::string address, std::string name, std::string path, std::vector<std::string> match_rules);
+  ~Impl() { stop(); }
+  Impl(const Impl&) = delete;
+  Impl& operator=(const Impl&) = delete;
+
+  CDBusMembers& members() noexcept { return members_; }
+  void set_error_handler(ErrorHandler handler);
+  bool start();
+  void stop();
+  int32_t call(const CDBusRequest& request, CDBusResponse& response, int64_t timeout_ms);
+  bool send(const CDBusMessageOpr& operation);
+
+ private:
+  using LinkPtr = std::shared_ptr<DBusLink>;
+  class DispatchThread;
+  class Visit;
+
+  bool on_dispatch_thread() const noexcept { return dispatching == this; }
+  bool stopping() const noexcept { return stopping_.load(); }
+  LinkPtr link() const;
+  void drop_link(const DBusLink& lost);
+  bool names_are_valid() const;
+  bool connect();
+  bool add_match_rules(DBusConnection* connection, const DBusDeadline& deadline) const;
+  void halt();
+
+  // On the dispatch thread only.
+  void run() noexcept;
+  void serve(DBusLink& link);
+  LinkPtr replacement();
+  bool stopped_within(const DBusDeadline& deadline);
+  void say_farewell(DBusLink& link) noexcept;
+  static void pump(DBusLink& link, const DBusCall& call, const DBusDeadline& deadline) noexcept;
+  void wait_dispatching(DBusLink& link, DBusCall& call, const DBusDeadline& deadline);
+  void handle(DBusLink& link, DBusMessagePtr message) noexcept;
+  void answer(DBusLink& link, DBusMessagePtr message);
+  CDBusResponse respond(DBusMessage* call, bool& answered_later);
+  CDBusResponse respond_by_method(DBusMessage* call, const CDBusMembers::Method& method, bool& answered_later) const;
+  CDBusResponse introspect(DBusMessage* call) const;
+  void deliver(const DBusLink& link, DBusMessagePtr message);
+  bool is_for_us(const DBusLink& link, DBusMessage* signal) const;
+
+  static thread_local const Impl* dispatching;  // the channel whose dispatch thread this is
+
+  const std::string address_;
+  const std::string name_;
+  const std::string path_;
+  const std::vector<std::string> match_rules_;
+  const std::shared_ptr<DBusWake> wake_ = std::make_shared<DBusWake>();
+  CDBusMembers members_;
+
+  std::mutex life_;  // one start or stop at a time; never taken on the dispatch thread
+  std::atomic<bool> stopping_{false};
+
+  mutable std::mutex mutex_;  // guards the three below; never held while anything waits or a handler runs
+  LinkPtr link_;              // null while there is no connection
+  std::vector<DBusCall*> calls_;
+  std::shared_ptr<const ErrorHandler> error_handler_;
+
+  std::unique_ptr<DispatchThread> thread_;
+};
+
+thread_local const CDBusChannel::Impl* CDBusChannel::Impl::dispatching = nullptr;
+
+class CDBusChannel::Impl::DispatchThread final : public CThread {
+ public:
+  explicit DispatchThread(Impl& channel)
+      : CThread(thread_name(channel.name_), CThread::policy_normal, 0, 0), channel_(channel) {}
+  ~DispatchThread() override { (void)stopThread(); }
+
+ protected:
+  int32_t threadProc() override {
+    channel_.run();
+    return 0;
+  }
+
+ private:
+  Impl& channel_;
+};
+
+// Makes a call known to the channel for as long as it may wait, so that a stop or a lost connection can end it.
+class CDBusChannel::Impl::Visit {
+ public:
+  Visit(Impl& channel, DBusCall& call) : channel_(channel), call_(call) {
+    const std::lock_guard<std::mutex> lock(channel_.mutex_);
+    if (channel_.stopping()) return;
+    channel_.calls_.push_back(&call_);
+    link_ = channel_.link_;
+  }
+  ~Visit() {
+    const std::lock_guard<std::mutex> lock(channel_.mutex_);
+    std::erase(channel_.calls_, &call_);
+  }
+  Visit(const Visit&) = delete;
+  Visit& operator=(const Visit&) = delete;
+
+  // Null when the channel is not up.
+  [[nodiscard]] DBusLink* link() const noexcept { return link_.get(); }
+
+ private:
+  Impl& channel_;
+  DBusCall& call_;
+  LinkPtr link_;
+};
+
+CDBusChannel::Impl::Impl(std::string address, std::string name, std::string path, std::vector<std::string> match_rules)
+    : address_(std::move(address)),
+      name_(std::move(name)),
+      path_(std::move(path)),
+      match_rules_(std::move(match_rules)),
+      thread_(std::make_unique<DispatchThread>(*this)) {}
+
+void CDBusChannel::Impl::set_error_handler(ErrorHandler handler) {
+  std::shared_ptr<const ErrorHandler> entry;
+  if (handler) entry = std::make_shared<const ErrorHandler>(std::move(handler));
+  const std::lock_guard<std::mutex> lock(mutex_);
+  error_handler_.swap(entry);
+}
+
+CDBusChannel::Impl::LinkPtr CDBusChannel::Impl::link() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return link_;
+}
+
+// Ends every call that waits on `lost`, unless a handler has put another link in its place already.
+void CDBusChannel::Impl::drop_link(const DBusLink& lost) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (link_.get() != &lost) return;
+  link_.reset();
+  for (DBusCall* call : calls_) call->close();
+}
+
+bool CDBusChannel::Impl::start() {
+  if (on_dispatch_thread()) return !stopping() && (link() || connect());
+  const std::lock_guard<std::mutex> lock(life_);
+  if (!stopping() && link()) return true;
+  halt();  // the thread may have ended by itself, or be connecting again
+  stopping_.store(false);
+  if (!names_are_valid() || !wake_->valid() || !connect()) return false;
+  if (thread_->createThread()) return true;
+  const LinkPtr unserved = link();
+  drop_link(*unserved);
+  unserved->close();
+  return false;
+}
+
+void CDBusChannel::Impl::stop() {
+  if (on_dispatch_thread()) {
+    halt();
+  } else {
+    const std::lock_guard<std::mutex> lock(life_);
+    halt();
+  }
+}
+
+// Ends what waits, then the thread; on the thread itself only the former, it then ends when its handler has returned.
+void CDBusChannel::Impl::halt() {
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    stopping_.store(true);
+    for (DBusCall* call : calls_) call->close();
+  }
+  wake_->post();
+  if (!on_dispatch_thread()) (void)thread_->stopThread();
+}
+
+bool CDBusChannel::Impl::names_are_valid() const {
+  if (name_.empty()) return true;
+  return Text::is_bus_text(name_) && Text::is_bus_text(path_) &&
+         dbus_validate_bus_name(name_.c_str(), nullptr) != FALSE &&
+         dbus_validate_interface(name_.c_str(), nullptr) != FALSE &&
+         dbus_validate_path(path_.c_str(), nullptr) != FALSE;
+}
+
+// The name comes last: whoever sees it appear finds a channel that hears everything.
+bool CDBusChannel::Impl::connect() {
+  const DBusDeadline deadline(setup_timeout_ms);
+  DBusConnectionPtr connection(open_private_connection(address_, deadline.remaining_ms()));
+  if (!connection || !add_match_rules(connection.get(), deadline)) return false;
+  if (!name_.empty()) {
+    const int32_t code = request_bus_name(connection.get(), name_, deadline.remaining_ms());
+    const bool owner = code == DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER || code == DBUS_REQUEST_NAME_REPLY_ALREADY_OWNER;
+    if (!owner) return false;
+  }
+  LinkPtr fresh = DBusLink::create(std::move(connection), wake_);
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (!fresh || stopping()) return false;
+  link_ = std::move(fresh);
+  return true;
+}
+
+bool CDBusChannel::Impl::add_match_rules(DBusConnection* connection, const DBusDeadline& deadline) const {
+  const auto added = [connection, &deadline](const std::string& rule) {
+    return add_bus_match(connection, rule, deadline.remaining_ms());
+  };
+  if (!name_.empty() && !added("type='signal',interface='" + name_ + "'")) return false;
+  return std::all_of(match_rules_.begin(), match_rules_.end(), added);
+}
+
+void CDBusChannel::Impl::run() noexcept {
+  dispatching = this;
+  LinkPtr current = link();
+  while (current) {
+    serve(*current);
+    drop_link(*current);
+    if (!current->lost()) say_farewell(*current);
+    current->close();
+    current = replacement();
+  }
+  dispatching = nullptr;
+}
+
+// Until the channel is stopped, or the connection is lost and all that came before is handled.
+void CDBusChannel::Impl::serve(DBusLink& link) {
+  while (!stopping()) {
+    if (!link.has_data()) {
+      if (link.lost()) return;
+      link.exchange(wait_for_ever);
+    }
+    while (!stopping() && link.has_data()) {
+      // One at a time: libdbus answers pings by itself, and a ping's answer tells that what came before was handled.
+      link.dispatch_one();
+      while (!stopping()) {
+        DBusMessagePtr message = link.next();
+        if (!message) break;
+        handle(link, std::move(message));
+      }
+    }
+  }
+}
+
+// What takes the place of a closed connection; null when the channel was stopped, or that is left to others.
+CDBusChannel::Impl::LinkPtr CDBusChannel::Impl::replacement() {
+  std::shared_ptr<const ErrorHandler> handler;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (link_ || stopping()) return link_;  // a handler may have started the channel again
+    handler = error_handler_;
+  }
+  if (handler) {
+    try {
+      (*handler)(ECONNRESET);
+    } catch (...) {  // there is nobody to tell; the loss itself is over
+    }
+    return link();  // the handler may have started the channel again
+  }
+  while (!stopped_within(DBusDeadline(reconnect_interval_ms))) {
+    if (connect()) return link();
+  }
+  return nullptr;
+}
+
+bool CDBusChannel::Impl::stopped_within(const DBusDeadline& deadline) {
+  while (!stopping() && deadline.remaining_ms() > 0) {
+    pollfd entry{wake_->fd(), POLLIN, 0};
+    (void)::poll(&entry, 1, deadline.remaining_ms());  // whatever ended it, the conditions are looked at again
+    wake_->drain();
+  }
+  return stopping();
+}
+
+// Gives the name back and waits for the answer: the bus answers in order, so it has then taken all that was sent
+// before. Merely closing the socket would lose replies that the bus has not read yet.
+void CDBusChannel::Impl::say_farewell(DBusLink& link) noexcept {
+  const DBusDeadline deadline(farewell_timeout_ms);
+  try {
+    CDBusRequest request(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS,
+                         name_.empty() ? "GetId" : "ReleaseName");
+    if (!name_.empty()) (void)request.set_string(name_);  // a call without it is answered as well
+    DBusCall call;
+    if (request.message() == nullptr || !call.send(link.connection(), request.message())) return;
+    while (!call.settled() && !link.lost() && deadline.remaining_ms() > 0) {
+      pump(link, call, deadline);
+      link.discard_inbox();
+    }
+  } catch (...) {  // out of memory: nothing more can be said
+  }
+}
+
+void CDBusChannel::Impl::pump(DBusLink& link, const DBusCall& call, const DBusDeadline& deadline) noexcept {
+  if (!link.has_data()) link.exchange(deadline.remaining_ms());
+  while (!call.settled() && link.has_data()) link.dispatch_one();
+}
+
+// What else arrives meanwhile stays in the inbox for the loop that runs the calling handler.
+void CDBusChannel::Impl::wait_dispatching(DBusLink& link, DBusCall& call, const DBusDeadline& deadline) {
+  while (!call.settled() && deadline.remaining_ms() > 0) {
+    pump(link, call, deadline);
+    if (link.lost() && !link.has_data()) drop_link(link);
+  }
+}
+
+int32_t CDBusChannel::Impl::call(const CDBusRequest& request, CDBusResponse& response, int64_t timeout_ms) {
+  const DBusDeadline deadline(timeout_ms);
+  const DBusMessagePtr message = sendable(request);
+  if (!message || dbus_message_get_type(message.get()) != DBUS_MESSAGE_TYPE_METHOD_CALL) return call_failed;
+  DBusCall call;
+  const Visit visit(*this, call);
+  DBusLink* const link = visit.link();
+  if (link == nullptr) return call_closed;
+  if (link->waiting_bytes() > max_waiting_calls || !call.send(link->connection(), message.get())) return call_failed;
+
+  if (on_dispatch_thread()) {
+    wait_dispatching(*link, call, deadline);
+  } else {
+    call.wait(deadline);
+  }
+  switch (call.state()) {
+    case DBusCall::State::waiting:
+      return call_timed_out;
+    case DBusCall::State::closed:
+      return call_closed;
+    case DBusCall::State::answered:
+      break;
+  }
+  DBusMessagePtr reply = call.take_answer();
+  if (!reply || dbus_message_get_type(reply.get()) != DBUS_MESSAGE_TYPE_METHOD_RETURN) return call_failed;
+  response = CDBusResponse(std::move(reply));
+  return 0;
+}
+
+bool CDBusChannel::Impl::send(const CDBusMessageOpr& operation) {
+  const DBusMessagePtr message = sendable(operation);
+  const LinkPtr current = stopping() ? nullptr : link();
+  if (!message || !current || current->waiting_bytes() > max_waiting_signals) return false;
+  if (dbus_connection_get_is_connected(current->connection()) == FALSE) return false;
+  if (dbus_message_get_type(message.get()) == DBUS_MESSAGE_TYPE_METHOD_CALL) {
+    dbus_message_set_no_reply(message.get(), TRUE);
+  }
+  return dbus_connection_send(current->connection(), message.get(), nullptr) != FALSE;
+}
+
+void CDBusChannel::Impl::handle(DBusLink& link, DBusMessagePtr message) noexcept {
+  try {
+    if (dbus_message_get_type(message.get()) == DBUS_MESSAGE_TYPE_METHOD_CALL) {
+      answer(link, std::move(message));
+    } else {
+      deliver(link, std::move(message));
+    }
+  } catch (...) {  // a signal handler that threw, or no memory: this message ends here, the channel goes on
+  }
+}
+
+void CDBusChannel::Impl::answer(DBusLink& link, DBusMessagePtr message) {
+  bool answered_later = false;
+  const CDBusResponse response = respond(message.get(), answered_later);
+  const bool wanted = !answered_later && dbus_message_get_no_reply(message.get()) == FALSE;
+  if (!wanted || response.message() == nullptr || link.waiting_bytes() > max_waiting_calls) return;
+  (void)dbus_connection_send(link.connection(), response.message(), nullptr);  // no memory: the caller's time-out
+}
+
+CDBusResponse CDBusChannel::Impl::respond(DBusMessage* call, bool& answered_later) {
+  const std::string_view interface = text_of(dbus_message_get_interface(call));
+  const std::string_view member = text_of(dbus_message_get_member(call));
+  const DBusPathRole role = path_role(path_, text_of(dbus_message_get_path(call)));
+
+  if (role == DBusPathRole::unknown) return error_answer(call, DBUS_ERROR_UNKNOWN_OBJECT, "No such object");
+  const bool introspectable = interface == DBUS_INTERFACE_INTROSPECTABLE;
+  if (member == "Introspect" && (introspectable || interface.empty())) return introspect(call);
+  if (!introspectable && !interface.empty() && interface != name_) {
+    return error_answer(call, DBUS_ERROR_UNKNOWN_INTERFACE, "No such interface at this path");
+  }
+  if (!introspectable && role == DBusPathRole::parent) {
+    return error_answer(call, DBUS_ERROR_UNKNOWN_OBJECT, "Only introspection at this path");
+  }
+  const auto method = introspectable ? nullptr : members_.find_method(member);
+  if (!method) return error_answer(call, DBUS_ERROR_UNKNOWN_METHOD, "No such method");
+  return respond_by_method(call, *method, answered_later);
+}
+
+CDBusResponse CDBusChannel::Impl::respond_by_method(DBusMessage* call, const CDBusMembers::Method& method,
+                                                    bool& answered_later) const {
+  CDBusRequest request{DBusMessagePtr(dbus_message_ref(call))};
+  CDBusResponse response(request);
+  try {
+    method.handler(request, response, answered_later);
+  } catch (...) {
+    answered_later = false;
+    return error_answer(call, DBUS_ERROR_FAILED, "The method failed");
+  }
+  return response;
+}
+
+CDBusResponse CDBusChannel::Impl::introspect(DBusMessage* call) const {
+  CDBusResponse response{DBusMessagePtr(dbus_message_new_method_return(call))};
+  // Refused for want of memory only: then the answer is empty.
+  (void)response.set_string(members_.describe(name_, path_, text_of(dbus_message_get_path(call))));
+  return response;
+}
+
+void CDBusChannel::Impl::deliver(const DBusLink& link, DBusMessagePtr message) {
+  if (!is_for_us(link, message.get())) return;
+  const auto entry = members_.find_signal(text_of(dbus_message_get_member(message.get())));
+  if (!entry) return;
+  CDBusSignal signal(std::move(message));
+  entry->handler(signal);
+}
+
+bool CDBusChannel::Impl::is_for_us(const DBusLink& link, DBusMessage* signal) const {
+  const std::string_view destination = text_of(dbus_message_get_destination(signal));
+  const bool addressed = destination.empty() || destination == name_ ||
+                         destination == text_of(dbus_bus_get_unique_name(link.connection()));
+  if (!addressed) return false;
+  // Anybody can send a signal of this name; only the driver knows who owns what.
+  if (dbus_message_has_member(signal, "NameOwnerChanged") != FALSE) {
+    return dbus_message_has_sender(signal, DBUS_SERVICE_DBUS) != FALSE &&
+           dbus_message_has_interface(signal, DBUS_INTERFACE_DBUS) != FALSE &&
+           dbus_message_has_path(signal, DBUS_PATH_DBUS) != FALSE;
+  }
+  return text_of(dbus_message_get_interface(signal)) == name_;
+}
+
+CDBusChannel::CDBusChannel(std::string address, std::string name, std::string path,
+                           std::vector<std::string> match_rules)
+    : impl_(std::make_unique<Impl>(std::move(address), std::move(name), std::move(path), std::move(match_rules))) {}
+
+CDBusChannel::~CDBusChannel() = default;
+
+void CDBusChannel::register_method_callback(const std::string& member, MethodHandler handler,
+                                            CDBusMemberArguments arguments) {
+  impl_->members().set_method(member, {std::move(handler), std::move(arguments)});
+}
+
+void CDBusChannel::register_signal_callback(const std::string& member, SignalHandler handler,
+                                            CDBusMemberArguments arguments) {
+  impl_->members().set_signal(member, {std::move(handler), std::move(arguments)});
+}
+
+void CDBusChannel::register_error_callback(ErrorHandler handler) { impl_->set_error_handler(std::move(handler)); }
+
+bool CDBusChannel::start() { return impl_->start(); }
+
+void CDBusChannel::stop() { impl_->stop(); }
+
+int32_t CDBusChannel::call(CDBusRequest& request, CDBusResponse& response, int64_t timeout_ms) {
+  return impl_->call(request, response, timeout_ms);
+}
+
+bool CDBusChannel::send(CDBusMessageOpr& message) { return impl_->send(message); }
+
+}  // namespace Tessaro::Iot::Component
