@@ -1,6 +1,8 @@
 // deploy_sst: makes the gateway's key chain, or repairs it from its copy. The supervisor runs it at each start.
 //
 // Exit status: 0 the key chain and its copy are there, 1 they are not (standard error tells why), 2 wrong usage.
+#include <sys/stat.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -30,6 +32,8 @@ int main(int argc, char**) {
     std::fputs("usage: deploy_sst\n", stderr);
     return 2;
   }
+  // The caller's may be anything; the supervisor's is zero.
+  ::umask(022);
   std::string problem;
   const auto done = gateway::deploy_key_chain("/quorvane/run", problem);
   if (!done) {

@@ -87,7 +87,6 @@ class Place {
     struct stat status {};
     if (::fstat(directory_.get(), &status) != 0) fail(path_);
     if (status.st_uid != ::geteuid()) throw Problem{path_ + ": belongs to another user"};
-    // Set, not asked for at creation: the umask may have taken the own user's bits away too.
     if ((status.st_mode & 07777U) != 0700 && ::fchmod(directory_.get(), 0700) != 0) fail(path_);
   }
 
@@ -146,8 +145,7 @@ class Place {
  private:
   Descriptor open(const Descriptor& root, const char* name) const {
     if (::mkdirat(root.get(), name, 0700) == 0) {
-      // With an umask like 0777 the new directory could not be opened by its own user.
-      if (::fchmodat(root.get(), name, 0700, 0) != 0 || ::fsync(root.get()) != 0) fail(path_);
+      if (::fsync(root.get()) != 0) fail(path_);
     } else if (errno != EEXIST) {
       fail(path_);
     }
@@ -161,7 +159,7 @@ class Place {
     (void)::unlinkat(directory_.get(), fresh_name, 0);
     const Descriptor file(
         ::openat(directory_.get(), fresh_name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (file.get() < 0 || ::fchmod(file.get(), 0600) != 0) fail(file_path());
+    if (file.get() < 0) fail(file_path());
     while (!text.empty()) {
       const ssize_t count = ::write(file.get(), text.data(), text.size());
       if (count < 0 && errno == EINTR) continue;

@@ -31,7 +31,7 @@ class GatewayService(dbus.service.Object):
         self.loop = GLib.MainLoop()
         self.bus = dbus.bus.BusConnection(BUS_ADDRESS)
         self.bus.set_exit_on_disconnect(False)
-        self.bus.call_on_disconnection(lambda _connection: sys.exit(1))
+        self.bus.call_on_disconnection(lambda _connection: os._exit(1))
         super().__init__(self.bus, "/" + bus_name.replace(".", "/"))
         for number in (signal.SIGTERM, signal.SIGINT):
             GLib.unix_signal_add(GLib.PRIORITY_HIGH, number, self.loop.quit)
