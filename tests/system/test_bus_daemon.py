@@ -80,7 +80,8 @@ def test_the_bus_daemon_starts_in_a_clean_state_and_dies_with_the_daemon(gateway
 
 @pytest.mark.takes(12)
 def test_a_killed_bus_daemon_leads_to_a_new_cycle(gateway):
-    gateway.catalogue(Service("one"), Service("fota"), Service("RemoteTerminalDaemon"), Service("two", bus="iot.test.two"))
+    gateway.catalogue(Service("one"), Service("fota"), Service("RemoteTerminalDaemon"),
+                      Service("two", bus="iot.test.two", monitor=1))
     gateway.prepare_run_directory()
     daemon = gateway.up()
     up = gateway.log.find(UP)[0]

@@ -128,6 +128,7 @@ def test_no_argument_starts_in_the_background(gateway):
 
 def test_hostile_arguments_neither_end_the_daemon_nor_forge_log_lines(gateway):
     gateway.prepare_run_directory()
+    gateway.catalogue(Service("svc", monitor=1))
     forged = "x\n2025-01-01 00:00:00.000000 [pid=1] [main.cpp|1] forged line"
     daemon = processes.spawn([gateway.program, b"%s%n%d\xff\xfe", forged, "\033[2J%n\r\t", "--nofork"])
     gateway.log.wait_for("quorvaned startup success", pid=daemon.pid)

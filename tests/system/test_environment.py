@@ -65,7 +65,7 @@ def test_a_pid_file_whose_lock_is_free_belongs_to_nobody(gateway, content):
 
 @pytest.mark.takes(15)
 def test_an_old_instance_is_asked_once_and_replaced(gateway):
-    gateway.catalogue(Service("svc"), Service("fota"), Service("RemoteTerminalDaemon"))
+    gateway.catalogue(Service("svc", monitor=1), Service("fota"), Service("RemoteTerminalDaemon"))
     old = gateway.up()
     spared = [gateway.pid_of("fota"), gateway.pid_of("RemoteTerminalDaemon")]
     svc = gateway.pid_of("svc")
@@ -175,7 +175,7 @@ def test_a_pid_file_that_cannot_be_opened_costs_ten_seconds_and_signals_nobody(g
 @pytest.mark.takes(18)
 @pytest.mark.parametrize("run", range(10))
 def test_two_starts_at_once_leave_one_daemon_and_touch_no_stranger(gateway, run):
-    gateway.catalogue(Service("svc"))
+    gateway.catalogue(Service("svc", monitor=1))
     gateway.link("probe_service", "innocent")
     innocent = processes.spawn([gateway.path("bin/innocent")])
     gateway.started("innocent")
@@ -273,7 +273,7 @@ def test_a_missing_catalogue_is_said_where_the_log_can_be_written(gateway):
 
 @pytest.mark.private({"/quorvane": "16k"})
 def test_a_full_disk_does_not_keep_the_gateway_from_coming_up(gateway):
-    gateway.catalogue(Service("svc"), Service("named", bus="iot.test.named"))
+    gateway.catalogue(Service("svc", monitor=1), Service("named", bus="iot.test.named"))
     with open("/quorvane/filler", "wb", buffering=0) as file:
         try:
             while file.write(b"x" * 4096):
@@ -322,7 +322,7 @@ def remount_read_only(path):
 
 @pytest.mark.takes(20)
 def test_a_read_only_run_directory_does_not_keep_the_gateway_from_coming_up(gateway):
-    gateway.catalogue(Service("svc"), Service("named", bus="iot.test.named"))
+    gateway.catalogue(Service("svc", monitor=1), Service("named", bus="iot.test.named"))
     remount_read_only("/quorvane")
     launcher = gateway.launch()
     assert launcher.wait(40) == 0

@@ -342,7 +342,7 @@ def test_threads_of_the_daemon_have_their_names_and_policy(gateway):
 
 
 def test_without_the_right_to_real_time_the_daemon_runs_all_the_same(gateway):
-    gateway.catalogue(Service("svc", bus="iot.test.svc"))
+    gateway.catalogue(Service("svc", bus="iot.test.svc", monitor=1))
     command = ["/usr/bin/setpriv", "--bounding-set", "-sys_nice", "--inh-caps", "-sys_nice",
                gateway.program, "--nofork"]
     daemon = processes.spawn(command, prepare=_no_real_time)

@@ -148,12 +148,11 @@ class Gateway:
         return daemon
 
     def daemon_of(self, launcher, within=10):
-        """The daemon that a launcher has started."""
-        event = clock.until(
-            lambda: next((line for line in self.log.find("quorvaned pid:%d, ppid:%d")
-                          if line.values[1] == launcher.pid), None),
-            within, "the daemon's first line")
-        return Daemon.adopt(event.values[0])
+        """The daemon that a launcher has started: its child, later the owner of the pid file."""
+        def look():
+            found = processes.children(launcher.pid)
+            return found[0] if found else os.path.isfile(PID_FILE) and processes.lock_owner(PID_FILE)
+        return Daemon.adopt(clock.until(look, within, "the daemon"))
 
     def bus(self, within=10):
         """A connection to the gateway's bus."""
