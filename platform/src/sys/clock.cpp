@@ -31,6 +31,12 @@ timespec deadline_after(int64_t timeout_ms) noexcept {
   return now;
 }
 
+int64_t monotonic_ns() noexcept {
+  timespec now{};
+  (void)::clock_gettime(CLOCK_MONOTONIC, &now);  // cannot fail with this clock
+  return static_cast<int64_t>(now.tv_sec) * ms_per_second * ns_per_ms + now.tv_nsec;
+}
+
 // The thread sanitizer does not know sem_clockwait; without this every hand-over through a semaphore looks like a race.
 void note_taken([[maybe_unused]] sem_t* semaphore) noexcept {
 #if defined(__SANITIZE_THREAD__)
@@ -40,11 +46,7 @@ void note_taken([[maybe_unused]] sem_t* semaphore) noexcept {
 
 }  // namespace
 
-int64_t monotonic_ms() noexcept {
-  timespec now{};
-  (void)::clock_gettime(CLOCK_MONOTONIC, &now);  // cannot fail with this clock
-  return static_cast<int64_t>(now.tv_sec) * ms_per_second + now.tv_nsec / ns_per_ms;
-}
+int64_t monotonic_ms() noexcept { return monotonic_ns() / ns_per_ms; }
 
 bool wait_semaphore(sem_t* semaphore, int64_t timeout_ms) noexcept {
   if (timeout_ms <= 0) return ::sem_trywait(semaphore) == 0;
@@ -58,8 +60,9 @@ bool wait_semaphore(sem_t* semaphore, int64_t timeout_ms) noexcept {
 }
 
 void pause_for(int64_t duration_ms) noexcept {
-  const int64_t end = monotonic_ms() + duration_ms;
-  for (int64_t left = duration_ms; left > 0; left = end - monotonic_ms()) {
+  const int64_t begin = monotonic_ns();
+  // Only whole milliseconds that have passed are taken off, so that signals do not make the pause shorter.
+  for (int64_t left = duration_ms; left > 0; left = duration_ms - (monotonic_ns() - begin) / ns_per_ms) {
     (void)SignalWindow::poll(nullptr, 0, left);  // interrupted or not: the clock decides
   }
 }
