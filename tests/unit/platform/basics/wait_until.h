@@ -1,0 +1,28 @@
+// Settles what happens in its own time: never a fixed sleep.
+#pragma once
+
+#include <chrono>
+#include <thread>
+
+namespace test {
+
+// Returns true as soon as `predicate` holds, false when it does not within `limit`.
+template <class Predicate>
+bool wait_until(Predicate predicate, std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (!predicate()) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return true;
+}
+
+// Milliseconds that `action` takes.
+template <class Action>
+int64_t milliseconds_of(Action action) {
+  const auto begin = std::chrono::steady_clock::now();
+  action();
+  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - begin).count();
+}
+
+}  // namespace test
