@@ -2,7 +2,6 @@
 
 import os
 import signal
-import sys
 
 import dbus
 import dbus.bus
@@ -34,12 +33,17 @@ class GatewayService(dbus.service.Object):
         self.bus.call_on_disconnection(lambda _connection: os._exit(1))
         super().__init__(self.bus, "/" + bus_name.replace(".", "/"))
         for number in (signal.SIGTERM, signal.SIGINT):
-            GLib.unix_signal_add(GLib.PRIORITY_HIGH, number, self.loop.quit)
+            signal.signal(number, self.stop)
+
+    def stop(self, _number, _frame):
+        """Leave `run`. Stuck elsewhere, the process is killed by the alarm: the supervisor asks only once."""
+        signal.alarm(3)
+        self.loop.quit()
 
     def run(self):
         """Take the name, which tells the supervisor that this service is up, and serve until told to stop."""
-        if self.bus.request_name(self.bus_name, dbus.bus.NAME_FLAG_DO_NOT_QUEUE) != dbus.bus.REQUEST_NAME_REPLY_PRIMARY_OWNER:
-            sys.exit(1)
+        # Queued for the name, if need be: after a restart the process before this one may be about to end only now.
+        self.bus.request_name(self.bus_name)
         self.loop.run()
 
     def every(self, seconds, action):

@@ -1,10 +1,12 @@
 #include "service.h"
 
 #include <poll.h>
-#include <sys/signalfd.h>
+#include <sys/eventfd.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdint>
 #include <filesystem>
@@ -12,6 +14,21 @@
 #include <system_error>
 
 namespace gateway {
+namespace {
+
+// Where the signal handler tells of a request to stop.
+int stop_descriptor = -1;
+
+void request_stop(int) {
+  const int error = errno;
+  const std::uint64_t one = 1;
+  [[maybe_unused]] const auto told = ::write(stop_descriptor, &one, sizeof one);
+  // The default action of the alarm ends the process, whatever it is stuck in.
+  ::alarm(3);
+  errno = error;
+}
+
+}  // namespace
 
 bool write_state(const std::string& service, const std::string& text) {
   const std::filesystem::path directory = std::filesystem::path(run_root) / service;
@@ -28,19 +45,20 @@ bool write_state(const std::string& service, const std::string& text) {
 
 StopSignal::StopSignal() {
   ::umask(022);
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGTERM);
-  sigaddset(&set, SIGINT);
-  sigprocmask(SIG_BLOCK, &set, nullptr);
-  descriptor_ = ::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+  descriptor_ = stop_descriptor = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  struct sigaction action {};
+  action.sa_handler = request_stop;
+  sigemptyset(&action.sa_mask);
+  action.sa_flags = SA_RESTART;
+  ::sigaction(SIGTERM, &action, nullptr);
+  ::sigaction(SIGINT, &action, nullptr);
 }
 
 StopSignal::~StopSignal() { ::close(descriptor_); }
 
 void StopSignal::take() {
-  signalfd_siginfo info{};
-  if (::read(descriptor_, &info, sizeof info) == sizeof info) stopped_ = true;
+  std::uint64_t count = 0;
+  if (::read(descriptor_, &count, sizeof count) == sizeof count) stopped_ = true;
 }
 
 bool StopSignal::wait(std::chrono::milliseconds time) {
@@ -69,17 +87,16 @@ bool BusService::connect() {
   // A private connection: a shared one of libdbus ends the process when the bus goes away.
   connection_ = dbus_connection_open_private(bus_address, &error);
   static const DBusObjectPathVTable table{nullptr, &BusService::on_message, nullptr, nullptr, nullptr, nullptr};
+  // Queued for the name, if need be: after a restart the process before this one may be about to end only now.
   const bool connected = connection_ != nullptr && dbus_bus_register(connection_, &error) &&
                          dbus_connection_register_object_path(connection_, path_.c_str(), &table, this) &&
-                         dbus_bus_request_name(connection_, name_.c_str(), DBUS_NAME_FLAG_DO_NOT_QUEUE, &error) ==
-                             DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER;
+                         dbus_bus_request_name(connection_, name_.c_str(), 0, &error) != -1;
   dbus_error_free(&error);
   return connected;
 }
 
 void BusService::feed_dog(const std::string& item, std::chrono::seconds until_next) {
-  DBusMessage* signal =
-      dbus_message_new_signal("/iot/gateway/watchdog", "iot.gateway.watchdog", "feedDog");
+  DBusMessage* signal = dbus_message_new_signal("/iot/gateway/watchdog", "iot.gateway.watchdog", "feedDog");
   const char* name = name_.c_str();
   const char* key = item.c_str();
   const auto seconds = static_cast<dbus_int32_t>(std::min<std::int64_t>(until_next.count(), INT32_MAX));

@@ -22,10 +22,11 @@ inline constexpr const char* run_root = "/quorvane/run";
 // False when it could not be written.
 bool write_state(const std::string& service, const std::string& text);
 
-// The request to stop (SIGTERM or SIGINT), as something that can be waited for.
+// The request to stop (SIGTERM or SIGINT), as something that can be waited for. A service that is stuck and does not
+// come back to wait is killed three seconds after the request: the supervisor asks once and never insists.
 class StopSignal {
  public:
-  // Also sets the umask: services are started with none. To be made first of all, before there are threads.
+  // Also sets the umask: services are started with none. To be made first of all, and once.
   StopSignal();
   ~StopSignal();
   StopSignal(const StopSignal&) = delete;
