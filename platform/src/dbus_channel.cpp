@@ -7,14 +7,12 @@
 #include <atomic>
 #include <cerrno>
 #include <mutex>
-#include <string_view>
 #include <utility>
 
 #include "dbus_call.h"
-#include "dbus_introspection.h"
+#include "dbus_endpoint.h"
 #include "dbus_link.h"
-#include "platform/dbus_connection.h"
-#include "platform/text.h"
+#include "dbus_object.h"
 #include "platform/thread.h"
 
 namespace Tessaro::Iot::Component {
@@ -30,8 +28,6 @@ constexpr int64_t max_waiting_signals = int64_t{1024} * 1024;
 // Calls and replies are only dropped when the bus takes nothing at all any more.
 constexpr int64_t max_waiting_calls = 16 * max_waiting_signals;
 
-std::string_view text_of(const char* text) noexcept { return text == nullptr ? std::string_view() : text; }
-
 std::string thread_name(const std::string& bus_name) {
   return bus_name.empty() ? "bus-client" : "bus-" + bus_name.substr(bus_name.rfind('.') + 1);
 }
@@ -44,10 +40,6 @@ DBusMessagePtr sendable(const CDBusMessageOpr& operation) noexcept {
   return DBusMessagePtr(fresh ? dbus_message_ref(message) : dbus_message_copy(message));
 }
 
-CDBusResponse error_answer(DBusMessage* call, const char* error_name, const char* text) noexcept {
-  return CDBusResponse(DBusMessagePtr(dbus_message_new_error(call, error_name, text)));
-}
-
 }  // namespace
 
 class CDBusChannel::Impl {
@@ -57,7 +49,7 @@ class CDBusChannel::Impl {
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
 
-  CDBusMembers& members() noexcept { return members_; }
+  CDBusMembers& members() noexcept { return object_.members(); }
   void set_error_handler(ErrorHandler handler);
   bool start();
   void stop();
@@ -73,9 +65,7 @@ class CDBusChannel::Impl {
   bool stopping() const noexcept { return stopping_.load(); }
   LinkPtr link() const;
   void drop_link(const DBusLink& lost);
-  bool names_are_valid() const;
   bool connect();
-  bool add_match_rules(DBusConnection* connection, const DBusDeadline& deadline) const;
   void halt();
 
   // On the dispatch thread only.
@@ -87,21 +77,13 @@ class CDBusChannel::Impl {
   static void pump(DBusLink& link, const DBusCall& call, const DBusDeadline& deadline) noexcept;
   void wait_dispatching(DBusLink& link, DBusCall& call, const DBusDeadline& deadline);
   void handle(DBusLink& link, DBusMessagePtr message) noexcept;
-  void answer(DBusLink& link, DBusMessagePtr message);
-  CDBusResponse respond(DBusMessage* call, bool& answered_later);
-  CDBusResponse respond_by_method(DBusMessage* call, const CDBusMembers::Method& method, bool& answered_later) const;
-  CDBusResponse introspect(DBusMessage* call) const;
-  void deliver(const DBusLink& link, DBusMessagePtr message);
-  bool is_for_us(const DBusLink& link, DBusMessage* signal) const;
+  void answer(DBusLink& link, DBusMessagePtr call);
 
   static thread_local const Impl* dispatching;  // the channel whose dispatch thread this is
 
-  const std::string address_;
-  const std::string name_;
-  const std::string path_;
-  const std::vector<std::string> match_rules_;
+  const DBusEndpoint endpoint_;
   const std::shared_ptr<DBusWake> wake_ = std::make_shared<DBusWake>();
-  CDBusMembers members_;
+  CDBusObject object_;
 
   std::mutex life_;  // one start or stop at a time; never taken on the dispatch thread
   std::atomic<bool> stopping_{false};
@@ -119,7 +101,7 @@ thread_local const CDBusChannel::Impl* CDBusChannel::Impl::dispatching = nullptr
 class CDBusChannel::Impl::DispatchThread final : public CThread {
  public:
   explicit DispatchThread(Impl& channel)
-      : CThread(thread_name(channel.name_), CThread::policy_normal, 0, 0), channel_(channel) {}
+      : CThread(thread_name(channel.endpoint_.name), CThread::policy_normal, 0, 0), channel_(channel) {}
   ~DispatchThread() override { (void)stopThread(); }
 
  protected:
@@ -158,10 +140,8 @@ class CDBusChannel::Impl::Visit {
 };
 
 CDBusChannel::Impl::Impl(std::string address, std::string name, std::string path, std::vector<std::string> match_rules)
-    : address_(std::move(address)),
-      name_(std::move(name)),
-      path_(std::move(path)),
-      match_rules_(std::move(match_rules)),
+    : endpoint_{std::move(address), std::move(name), std::move(path), std::move(match_rules)},
+      object_(endpoint_.name, endpoint_.path),
       thread_(std::make_unique<DispatchThread>(*this)) {}
 
 void CDBusChannel::Impl::set_error_handler(ErrorHandler handler) {
@@ -190,7 +170,7 @@ bool CDBusChannel::Impl::start() {
   if (!stopping() && link()) return true;
   halt();  // the thread may have ended by itself, or be connecting again
   stopping_.store(false);
-  if (!names_are_valid() || !wake_->valid() || !connect()) return false;
+  if (!wake_->valid() || !connect()) return false;
   if (thread_->createThread()) return true;
   const LinkPtr unserved = link();
   drop_link(*unserved);
@@ -218,37 +198,15 @@ void CDBusChannel::Impl::halt() {
   if (!on_dispatch_thread()) (void)thread_->stopThread();
 }
 
-bool CDBusChannel::Impl::names_are_valid() const {
-  if (name_.empty()) return true;
-  return Text::is_bus_text(name_) && Text::is_bus_text(path_) &&
-         dbus_validate_bus_name(name_.c_str(), nullptr) != FALSE &&
-         dbus_validate_interface(name_.c_str(), nullptr) != FALSE &&
-         dbus_validate_path(path_.c_str(), nullptr) != FALSE;
-}
-
-// The name comes last: whoever sees it appear finds a channel that hears everything.
 bool CDBusChannel::Impl::connect() {
-  const DBusDeadline deadline(setup_timeout_ms);
-  DBusConnectionPtr connection(open_private_connection(address_, deadline.remaining_ms()));
-  if (!connection || !add_match_rules(connection.get(), deadline)) return false;
-  if (!name_.empty()) {
-    const int32_t code = request_bus_name(connection.get(), name_, deadline.remaining_ms());
-    const bool owner = code == DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER || code == DBUS_REQUEST_NAME_REPLY_ALREADY_OWNER;
-    if (!owner) return false;
+  LinkPtr fresh;
+  if (DBusConnectionPtr connection = endpoint_.connect(DBusDeadline(setup_timeout_ms))) {
+    fresh = DBusLink::create(std::move(connection), wake_);
   }
-  LinkPtr fresh = DBusLink::create(std::move(connection), wake_);
   const std::lock_guard<std::mutex> lock(mutex_);
   if (!fresh || stopping()) return false;
   link_ = std::move(fresh);
   return true;
-}
-
-bool CDBusChannel::Impl::add_match_rules(DBusConnection* connection, const DBusDeadline& deadline) const {
-  const auto added = [connection, &deadline](const std::string& rule) {
-    return add_bus_match(connection, rule, deadline.remaining_ms());
-  };
-  if (!name_.empty() && !added("type='signal',interface='" + name_ + "'")) return false;
-  return std::all_of(match_rules_.begin(), match_rules_.end(), added);
 }
 
 void CDBusChannel::Impl::run() noexcept {
@@ -306,9 +264,7 @@ CDBusChannel::Impl::LinkPtr CDBusChannel::Impl::replacement() {
 
 bool CDBusChannel::Impl::stopped_within(const DBusDeadline& deadline) {
   while (!stopping() && deadline.remaining_ms() > 0) {
-    pollfd entry{wake_->fd(), POLLIN, 0};
-    (void)::poll(&entry, 1, deadline.remaining_ms());  // whatever ended it, the conditions are looked at again
-    wake_->drain();
+    wake_->wait(deadline.remaining_ms());
   }
   return stopping();
 }
@@ -319,8 +275,8 @@ void CDBusChannel::Impl::say_farewell(DBusLink& link) noexcept {
   const DBusDeadline deadline(farewell_timeout_ms);
   try {
     CDBusRequest request(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS,
-                         name_.empty() ? "GetId" : "ReleaseName");
-    if (!name_.empty()) (void)request.set_string(name_);  // a call without it is answered as well
+                         endpoint_.name.empty() ? "GetId" : "ReleaseName");
+    if (!endpoint_.name.empty()) (void)request.set_string(endpoint_.name);  // without it an error is the answer
     DBusCall call;
     if (request.message() == nullptr || !call.send(link.connection(), request.message())) return;
     while (!call.settled() && !link.lost() && deadline.remaining_ms() > 0) {
@@ -389,79 +345,16 @@ void CDBusChannel::Impl::handle(DBusLink& link, DBusMessagePtr message) noexcept
     if (dbus_message_get_type(message.get()) == DBUS_MESSAGE_TYPE_METHOD_CALL) {
       answer(link, std::move(message));
     } else {
-      deliver(link, std::move(message));
+      object_.deliver(std::move(message), dbus_bus_get_unique_name(link.connection()));
     }
   } catch (...) {  // a signal handler that threw, or no memory: this message ends here, the channel goes on
   }
 }
 
-void CDBusChannel::Impl::answer(DBusLink& link, DBusMessagePtr message) {
-  bool answered_later = false;
-  const CDBusResponse response = respond(message.get(), answered_later);
-  const bool wanted = !answered_later && dbus_message_get_no_reply(message.get()) == FALSE;
-  if (!wanted || response.message() == nullptr || link.waiting_bytes() > max_waiting_calls) return;
+void CDBusChannel::Impl::answer(DBusLink& link, DBusMessagePtr call) {
+  const CDBusResponse response = object_.respond(call.get());
+  if (response.message() == nullptr || link.waiting_bytes() > max_waiting_calls) return;
   (void)dbus_connection_send(link.connection(), response.message(), nullptr);  // no memory: the caller's time-out
-}
-
-CDBusResponse CDBusChannel::Impl::respond(DBusMessage* call, bool& answered_later) {
-  const std::string_view interface = text_of(dbus_message_get_interface(call));
-  const std::string_view member = text_of(dbus_message_get_member(call));
-  const DBusPathRole role = path_role(path_, text_of(dbus_message_get_path(call)));
-
-  if (role == DBusPathRole::unknown) return error_answer(call, DBUS_ERROR_UNKNOWN_OBJECT, "No such object");
-  const bool introspectable = interface == DBUS_INTERFACE_INTROSPECTABLE;
-  if (member == "Introspect" && (introspectable || interface.empty())) return introspect(call);
-  if (!introspectable && !interface.empty() && interface != name_) {
-    return error_answer(call, DBUS_ERROR_UNKNOWN_INTERFACE, "No such interface at this path");
-  }
-  if (!introspectable && role == DBusPathRole::parent) {
-    return error_answer(call, DBUS_ERROR_UNKNOWN_OBJECT, "Only introspection at this path");
-  }
-  const auto method = introspectable ? nullptr : members_.find_method(member);
-  if (!method) return error_answer(call, DBUS_ERROR_UNKNOWN_METHOD, "No such method");
-  return respond_by_method(call, *method, answered_later);
-}
-
-CDBusResponse CDBusChannel::Impl::respond_by_method(DBusMessage* call, const CDBusMembers::Method& method,
-                                                    bool& answered_later) const {
-  CDBusRequest request{DBusMessagePtr(dbus_message_ref(call))};
-  CDBusResponse response(request);
-  try {
-    method.handler(request, response, answered_later);
-  } catch (...) {
-    answered_later = false;
-    return error_answer(call, DBUS_ERROR_FAILED, "The method failed");
-  }
-  return response;
-}
-
-CDBusResponse CDBusChannel::Impl::introspect(DBusMessage* call) const {
-  CDBusResponse response{DBusMessagePtr(dbus_message_new_method_return(call))};
-  // Refused for want of memory only: then the answer is empty.
-  (void)response.set_string(members_.describe(name_, path_, text_of(dbus_message_get_path(call))));
-  return response;
-}
-
-void CDBusChannel::Impl::deliver(const DBusLink& link, DBusMessagePtr message) {
-  if (!is_for_us(link, message.get())) return;
-  const auto entry = members_.find_signal(text_of(dbus_message_get_member(message.get())));
-  if (!entry) return;
-  CDBusSignal signal(std::move(message));
-  entry->handler(signal);
-}
-
-bool CDBusChannel::Impl::is_for_us(const DBusLink& link, DBusMessage* signal) const {
-  const std::string_view destination = text_of(dbus_message_get_destination(signal));
-  const bool addressed = destination.empty() || destination == name_ ||
-                         destination == text_of(dbus_bus_get_unique_name(link.connection()));
-  if (!addressed) return false;
-  // Anybody can send a signal of this name; only the driver knows who owns what.
-  if (dbus_message_has_member(signal, "NameOwnerChanged") != FALSE) {
-    return dbus_message_has_sender(signal, DBUS_SERVICE_DBUS) != FALSE &&
-           dbus_message_has_interface(signal, DBUS_INTERFACE_DBUS) != FALSE &&
-           dbus_message_has_path(signal, DBUS_PATH_DBUS) != FALSE;
-  }
-  return text_of(dbus_message_get_interface(signal)) == name_;
 }
 
 CDBusChannel::CDBusChannel(std::string address, std::string name, std::string path,

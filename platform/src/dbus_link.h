@@ -27,6 +27,12 @@ class DBusWake {
   [[nodiscard]] bool valid() const noexcept { return fd_.valid(); }
   // Context: any thread.
   void post() noexcept { (void)::eventfd_write(fd_.get(), 1); }  // refused when full only: then it wakes anyway
+  // Waits until it is posted, or not that long when a signal handler runs.
+  void wait(int timeout_ms) noexcept {
+    pollfd entry{fd_.get(), POLLIN, 0};
+    (void)::poll(&entry, 1, timeout_ms);  // whatever ended it, the caller looks at its conditions again
+    drain();
+  }
   void drain() noexcept {
     eventfd_t count = 0;
     (void)::eventfd_read(fd_.get(), &count);  // empty: there was nothing to drain
