@@ -63,7 +63,8 @@ bool CThread::createThread() {
 
 bool CThread::stopThread() {
   cancelThread();
-  if (joinable_ && ::pthread_equal(thread_, ::pthread_self()) == 0) {
+  // The thread itself looks at nothing else here: its creator may still be writing the fields below.
+  if (current_thread != this && joinable_) {
     (void)::pthread_join(thread_, nullptr);  // fails only for threads that are not ours
     joinable_ = false;
   }
