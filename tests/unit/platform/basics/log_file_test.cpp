@@ -26,7 +26,7 @@ TEST_F(LogFileTest, ALineHasTimeLevelTagPlaceFunctionAndMessage) {
 }
 
 TEST_F(LogFileTest, TheTimeIsLocal) {
-  ASSERT_EQ(::setenv("TZ", "XXX-11", 1), 0);
+  ASSERT_EQ(::setenv("TZ", "TST-11", 1), 0);
   ::tzset();
   log(1, "m");
   const std::time_t now = std::time(nullptr);

@@ -174,7 +174,7 @@ TEST_F(ProcessHostThreads, RunToEndAndServeWaitWithTheSignalWindowOpen) {
   };
   ASSERT_EQ(::sigaction(SIGUSR1, &action, nullptr), 0);
   // On a thread of its own, since a window stays with its thread for good.
-  std::thread main_thread([this] {
+  std::thread main_thread([] {
     sigset_t signals;
     sigset_t before;
     (void)::sigemptyset(&signals);

@@ -125,7 +125,9 @@ TEST_F(Window, AHandlerThatWaitsOpensItAgain) {
   set_handler([](int number) {
     ++handled;
     if (number != SIGUSR1) return;
+    const int before = errno;
     nested_result = SignalWindow::poll(nullptr, 0, 10'000);
+    errno = before;
     if (SignalWindow::inside()) ++handled_inside;
   });
   with_window([] { EXPECT_EQ(SignalWindow::poll(nullptr, 0, 10'000), -1); },
