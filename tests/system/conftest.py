@@ -103,7 +103,13 @@ def pytest_runtest_makereport(item, call):
 def gateway(request):
     """An install root with the daemon, the bus and an empty catalogue."""
     stage = os.environ[STAGE]
-    return gateway_module.Gateway(stage, staging.root_of(stage, request.node.nodeid))
+    made = gateway_module.Gateway(stage, staging.root_of(stage, request.node.nodeid))
+    made.collect_sanitizer_reports()
+    yield made
+    found = made.sanitizer_reports()
+    if found:
+        made.keep_for_inspection()
+        pytest.fail("sanitizer reports:\n" + found)
 
 
 

@@ -231,6 +231,55 @@ def test_messages_of_any_shape_do_not_end_the_daemon(gateway):
     assert all(event.well_formed for event in gateway.log.events())
 
 
+@pytest.mark.takes(15)
+def test_no_call_waits_while_the_stack_is_torn_down(gateway):
+    gateway.catalogue(*[Service(f"svc{number}", monitor=1) for number in range(5)])
+    gateway.up()
+    longest = 0.0
+    for _ in range(3):
+        client = gateway.bus()
+        last = gateway.log.find(UP)[-1]
+        client.reboot()
+        deadline = time.monotonic() + 15
+        while time.monotonic() < deadline and not gateway.log.has("stop dbus-daemon, kill -15 %d", after=last):
+            begin = time.monotonic()
+            try:
+                client.report()
+            except dbus.exceptions.DBusException as error:
+                assert error.get_dbus_name() != "org.freedesktop.DBus.Error.NoReply" or "time" not in str(error)
+            longest = max(longest, time.monotonic() - begin)
+        gateway.log.wait_for(UP, 15, after=last)
+    assert longest < clock.stretched(1)
+
+
+@pytest.mark.takes(15)
+def test_calls_of_several_clients_beside_a_stream_of_signals_are_all_answered(gateway):
+    gateway.catalogue(Service("svc", bus="iot.test.svc", monitor=1))
+    daemon = gateway.up()
+    gateway.script("../client", """
+import sys, time
+sys.path.insert(0, sys.argv[1])
+from harness.bus import Bus, WATCHDOG
+client, slow = Bus(), []
+for number in range(400):
+    begin = time.monotonic()
+    assert "Service svc is" in client.report()
+    slow.append(time.monotonic() - begin)
+    for key in range(5):
+        client.send(WATCHDOG, "feedDog", "ssi", "iot.test.svc", f"key{key}", 1000 + number)
+print(sorted(slow)[int(len(slow) * 0.99)])
+""", shebang="#!/usr/bin/python3\n")
+    here = os.path.dirname(os.path.abspath(__file__))
+    clients = [processes.spawn([gateway.path("client"), here]) for _ in range(4)]
+    for one in clients:
+        assert one.wait(40) == 0, str(one.stderr)
+        one.stdout.wait_closed(1)
+        # Mostly the clients' own work on a busy machine; a lost wake-up would show as a time-out.
+        assert float(str(one.stdout)) < clock.stretched(0.5)
+    assert daemon.alive()
+    assert gateway.status().status == 0
+
+
 def test_the_daemon_owns_both_names_with_connections_of_its_own(gateway):
     daemon = gateway.up()
     client = gateway.bus()

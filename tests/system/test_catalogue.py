@@ -118,7 +118,8 @@ def test_odd_entries_become_records_of_defaults_and_the_rest_starts(gateway, ent
     gateway.raw_catalogue(json.dumps(entries))
     daemon = gateway.up()
     gateway.started("last")
-    assert gateway.log.count("running %s service") == len(entries)
+    # Counted by their beginnings: a line that is too long has lost its end.
+    assert gateway.log.bytes().count(b"] running ") - gateway.log.bytes().count(b"] running dbus daemon") == len(entries)
     assert daemon.alive()
     report = gateway.bus().report()
     assert ACTIVE.format("last", gateway.pid_of("last")) in report

@@ -254,6 +254,28 @@ def test_the_script_driven_scene_service_is_stopped_by_its_script(gateway):
     assert processes.alive(pid)
 
 
+@pytest.mark.takes(9)
+def test_a_stop_script_that_the_end_has_started_is_given_time_to_work(gateway):
+    gateway.catalogue(Service("startSC.sh", program="exec sleep 1000"), Service("svc"))
+    gateway.script("stopSC.sh", "sleep 0.5; echo done > ../stopped")
+    daemon = gateway.up()
+    status, seconds = term(daemon)
+    assert status == 0
+    assert 5.0 <= seconds <= 6.5 + clock.stretched(0.5)
+    gateway.log.sequence("quorvaned exit (force)", "kill -9 svc(%d)", "run stopSC.sh pid %d")
+    assert os.path.exists(gateway.path("stopped"))
+
+
+@pytest.mark.takes(9)
+def test_a_stop_script_that_hangs_does_not_hold_the_end_for_long(gateway):
+    gateway.catalogue(Service("startSC.sh", program="exec sleep 1000"))
+    gateway.script("stopSC.sh", "exec sleep 1000")
+    daemon = gateway.up()
+    status, seconds = term(daemon)
+    assert status == 0
+    assert 5.0 <= seconds <= 6.5 + clock.stretched(0.5)
+
+
 def test_the_end_of_the_scene_script_is_no_accident(gateway):
     gateway.catalogue(Service("startSC.sh", program="exit 0", monitor=1), Service("svc", monitor=1))
     gateway.up()

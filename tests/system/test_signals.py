@@ -38,10 +38,14 @@ def test_a_terminating_signal_ends_everything_after_five_seconds_with_status_0(g
     assert status == 0
     assert in_time(seconds)
     # Nothing is torn down before the five seconds are over; then the bus daemon, then the services, last first.
-    gateway.log.exactly([caught(number), "quorvaned exit (force)",
-                         f"stop dbus-daemon, kill -15 {pids['dbus-daemon']}",
-                         f"kill -9 two({pids['two']})", f"kill -9 one({pids['one']})"],
-                        after=up)
+    texts = gateway.log.texts(after=up)
+    expected = [caught(number), "quorvaned exit (force)", f"stop dbus-daemon, kill -15 {pids['dbus-daemon']}",
+                f"kill -9 two({pids['two']})", f"kill -9 one({pids['one']})"]
+    # The channel may still see the bus go, and say so, before the process is gone as well.
+    lost = [text for text in texts if text.startswith("dbus error callback, error:")]
+    assert len(lost) <= 1
+    assert [text for text in texts if text not in lost] == expected
+    assert not lost or texts.index(lost[0]) > 2
     lines = gateway.log.sequence(caught(number), "quorvaned exit (force)")
     assert 5.0 <= lines[1] - lines[0] <= 5.5 + clock.stretched(0.3)
     processes.wait_gone([pids["one"], pids["two"], pids["dbus-daemon"]], 2)
@@ -198,6 +202,7 @@ def test_a_signal_to_the_whole_process_group_ends_the_daemon_in_the_usual_way(ga
     """What the interrupt key does to a daemon that runs on a terminal."""
     gateway.catalogue(Service("svc", "--ignore-term"))
     daemon = gateway.up(prepare=lambda: os.setpgid(0, 0))
+    gateway.started("svc")
     begin = time.monotonic()
     os.killpg(daemon.pid, signal.SIGINT)
     gateway.wait_event("svc", "signal", signal=2)

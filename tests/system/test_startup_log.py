@@ -147,6 +147,16 @@ def test_lines_of_many_threads_are_never_torn(gateway):
     assert all(event.well_formed for event in gateway.log.events())
 
 
+def test_lines_are_whole_where_the_log_begins_anew(gateway):
+    gateway.prepare_run_directory()
+    fill(262144 - 262144 % 4 - 3000)
+    gateway.catalogue(*[Service(f"gone{number}", program=None) for number in range(150)])
+    gateway.up()
+    gateway.log.wait_for("process_exit, service(gone149) is abnormal")
+    assert os.path.getsize(LOG) < 200000
+    assert all(event.well_formed for event in gateway.log.events())
+
+
 # The search for the processes of a program shows in the stop command when no daemon runs.
 
 def run_elsewhere(gateway, directory, name="svc"):

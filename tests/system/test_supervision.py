@@ -29,8 +29,8 @@ def test_a_service_is_waited_for_by_its_bus_name_and_not_by_its_delay(gateway):
     lines = gateway.log.sequence("run named pid %d", "running next service")
     assert 1.1 <= lines[1] - lines[0] <= 1.2 + clock.stretched(1.5)
     name = gateway.events("named", "name")[0]
-    assert name["wall"] <= lines[1].time.timestamp()
-    assert lines[1].time.timestamp() - name["wall"] <= clock.stretched(0.5)
+    # The service tells of its name when it has been answered, the daemon hears of it at the same time.
+    assert abs(lines[1].time.timestamp() - name["wall"]) <= clock.stretched(0.5)
 
 
 @pytest.mark.takes(10)
@@ -116,7 +116,9 @@ def test_dead_services_come_back_after_the_grace_and_not_earlier(gateway):
             starts = gateway.log.find(f"run {name} pid %d")
             told = gateway.log.find(f"threadProc, service({name}) status(1) is abnormal")
             fact(f"{name} is told abnormal before each restart",
-                 [one.index for one in told] == [one.index - 1 for one in starts[1:]], (told, starts))
+                 len(told) == len(starts) - 1
+                 and all(early.index < one.index < late.index for early, one, late in zip(starts, told, starts[1:])),
+                 (told, starts))
             for early, late in zip(starts, starts[1:]):
                 fact(f"{name} is not restarted before the grace is over", late - early >= GRACE, late - early)
                 fact(f"{name} is restarted soon after it", late - early <= GRACE + 2.2 + clock.stretched(1), late - early)

@@ -194,6 +194,23 @@ class Gateway:
         lines = self.log.find(f"run {os.path.basename(name)} pid %d")
         return lines[-1].values[0] if lines else 0
 
+    # Sanitizers
+
+    def collect_sanitizer_reports(self):
+        """Send the reports of instrumented programs to files: the daemon in the background has no terminal."""
+        for name in ("TSAN_OPTIONS", "ASAN_OPTIONS", "UBSAN_OPTIONS"):
+            given = os.environ.get(name)
+            os.environ[name] = (given + ":" if given else "") + f"log_path={self.path('sanitizer')}"
+
+    def sanitizer_reports(self):
+        """What they found; empty when all is well."""
+        texts = []
+        for name in sorted(os.listdir(self.root)):
+            if name.startswith("sanitizer."):
+                with open(self.path(name), encoding="utf-8", errors="backslashreplace") as file:
+                    texts.append(file.read())
+        return "\n".join(texts)
+
     # After a failure
 
     def report(self):

@@ -9,6 +9,13 @@ constexpr const char* ADDRESS = "unix:path=/tmp/var/run/mbusd/mbusd_socket";
 constexpr const char* WATCHDOG = "iot.gateway.watchdog";
 constexpr const char* WATCHDOG_PATH = "/iot/gateway/watchdog";
 
+DBusHandlerResult on_message(DBusConnection* /*connection*/, DBusMessage* message, void* bus)
+{
+    const bool call = dbus_message_get_type(message) == DBUS_MESSAGE_TYPE_METHOD_CALL;
+    return call && static_cast<Bus*>(bus)->answer(message) ? DBUS_HANDLER_RESULT_HANDLED
+                                                           : DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+}
+
 }  // namespace
 
 Bus::~Bus()
@@ -40,8 +47,23 @@ bool Bus::connect()
     dbus_connection_set_exit_on_disconnect(_connection, FALSE);
     if (!registered) {
         drop();
+    } else if (_handler) {
+        dbus_connection_add_filter(_connection, on_message, this, nullptr);
     }
     return registered;
+}
+
+bool Bus::answer(DBusMessage* call)
+{
+    DBusMessage* reply = nullptr;
+    if (!_handler(call, reply)) {
+        return false;
+    }
+    if (reply != nullptr) {
+        dbus_connection_send(_connection, reply, nullptr);
+        dbus_message_unref(reply);
+    }
+    return true;
 }
 
 bool Bus::own(const std::string& name)

@@ -8,6 +8,10 @@
 //                          milliseconds (0: once); may be repeated
 //   --feed-as=NAME         the bus name told in keep-alives (default: that of --name)
 //   --broadcast            send keep-alives to everybody
+//   --config=KEY=VALUE     answer as a configuration service, with this value; may be repeated. Every call
+//                          is recorded
+//   --config-code=N        ... with this code for every call
+//   --config-silent        ... and never answer
 //   --ignore-term          record SIGTERM and go on
 //   --term-delay=MS        end this long after SIGTERM
 //   --exit-after=MS        end by itself, with --exit-status=N or by --exit-signal=N
@@ -17,6 +21,7 @@
 // SIGUSR1 makes it fall silent: it feeds no keep-alive any more. Unknown arguments are ignored.
 
 #include "probe_bus.h"
+#include "probe_config.h"
 #include "probe_record.h"
 
 #include <algorithm>
@@ -55,6 +60,7 @@ struct Options {
     std::string name;
     std::string feed_as;
     std::vector<Feed> feeds;
+    probe::ConfigOptions config;
     long long name_delay_ms = 0;
     long long exit_after_ms = -1;
     long long term_delay_ms = 0;
@@ -125,6 +131,12 @@ Options to_options(int argc, char** argv)
             options.exit_signal = to_number<int>(*number);
         } else if (const auto count = value_of(argument, "--children")) {
             options.children = to_number<int>(*count);
+        } else if (const auto setting = value_of(argument, "--config")) {
+            options.config.add(*setting);
+        } else if (const auto code = value_of(argument, "--config-code")) {
+            options.config.code = to_number<int>(*code);
+        } else if (argument == "--config-silent") {
+            options.config.silent = true;
         } else if (argument == "--broadcast") {
             options.broadcast = true;
         } else if (argument == "--ignore-term") {
@@ -278,7 +290,12 @@ private:
 
 class Service {
 public:
-    explicit Service(Options options) : _options(std::move(options)), _children(_options.children) {}
+    explicit Service(Options options) : _options(std::move(options)), _children(_options.children)
+    {
+        if (_options.config.wanted()) {
+            _bus->answer_with(probe::config_service(_options.config));
+        }
+    }
 
     int run()
     {
