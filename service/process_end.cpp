@@ -5,6 +5,8 @@
 #include <atomic>
 #include <cstdio>
 
+#include "platform/log.h"
+
 namespace Tessaro::Iot::Component {
 
 namespace {
@@ -13,6 +15,7 @@ std::atomic_flag end_has_owner = ATOMIC_FLAG_INIT;
 
 void end_process(int32_t status) noexcept {
   if (end_has_owner.test_and_set()) wait_for_the_end();
+  log_flush();
   (void)std::fflush(nullptr);
   ::_exit(status);
 }

@@ -8,8 +8,8 @@
 #include <utility>
 
 #include "platform/signal_window.h"
+#include "platform/sys/clock.h"
 #include "platform/sys/process.h"
-#include "platform/thread.h"
 #include "platform/time.h"
 
 // Why no signal of the daemon can reach a stranger, and no death is lost:
@@ -139,7 +139,7 @@ void CProcessHost::wait_until_ended(ProcessRef process, int64_t timeout_ms) {
   constexpr int64_t recheck_ms = 10;
   const int64_t end = CTime::getSystemStartupMilliSecond() + timeout_ms;
   while (is_current(process) && !sys::peek_ended_child(process.pid) && CTime::getSystemStartupMilliSecond() < end) {
-    CThread::sleep(recheck_ms);
+    sys::pause_for(recheck_ms);
   }
 }
 

@@ -1,0 +1,131 @@
+// The synchronisation of the gateway identity.
+#include <filesystem>
+#include <fstream>
+
+#include "start_up_probe.h"
+
+namespace Tessaro::Iot::Quorvaned {
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+
+class Identity : public StartupTest {
+ protected:
+  // The configuration service appears while the controller is up. Returns the calls that it got.
+  std::vector<std::string> appear(const ServiceArguments& arguments) {
+    make("[]", arguments);
+    world.after_s(10, [this] {
+      at_appearance_ = world.lines.size();
+      (void)watchdog().name_owner_changed("iot.dmp.configmanager", "", ":1.9");
+      lines_ = {world.lines.begin() + static_cast<ptrdiff_t>(at_appearance_), world.lines.end()};
+      calls_ = world.config_calls;
+    });
+    end_by_upgrade_after_ms(30'000);
+    (void)probe().run();
+    return calls_;
+  }
+  bool nothing_pending() { return probe().pending_identity() == std::array<std::string, 3>{}; }
+  ~Identity() override { std::filesystem::remove_all("/quorvane/run"); }
+
+  size_t at_appearance_ = 0;
+  std::vector<std::string> lines_;
+  std::vector<std::string> calls_;
+};
+
+TEST_F(Identity, WithoutPendingValuesPublishesTheSwitchOnly) {
+  EXPECT_THAT(appear({}), ElementsAre("set gw_ha_service_switch=off"));
+  EXPECT_THAT(lines_, ElementsAre("set config gw_ha_service_switch=off"));
+}
+
+TEST_F(Identity, OfAnUnprovisionedGatewayIsWrittenWithoutReset) {
+  EXPECT_THAT(appear({"pk", "dn", "ds"}),
+              ElementsAre("get gw_system_productkey", "get gw_system_devicename", "set gw_system_productkey=pk",
+                          "set gw_system_devicename=dn", "set gw_system_devicesecret=ds protected", "flush",
+                          "set gw_ha_service_switch=off"));
+  EXPECT_THAT(lines_, ElementsAre("check current gw_system_productkey= gw_system_devicename=",
+                                  "set config gw_system_productkey=pk gw_system_devicename=dn",
+                                  "set config gw_ha_service_switch=off"));
+  EXPECT_TRUE(nothing_pending());
+}
+
+TEST_F(Identity, ThatIsUnchangedIsNotWrittenEvenWithAnotherSecret) {
+  world.reset();
+  world.config = {{"gw_system_productkey", "pk"}, {"gw_system_devicename", "dn"}};
+  EXPECT_THAT(appear({"pk", "dn", "another"}),
+              ElementsAre("get gw_system_productkey", "get gw_system_devicename", "set gw_ha_service_switch=off"));
+  EXPECT_TRUE(nothing_pending());
+}
+
+TEST_F(Identity, ThatHasChangedResetsAndCleansBeforeItIsWritten) {
+  for (const char* name : {"config-manager", "startup", "logger", "console", ".sec_bak", ".security", ".sst", "svc",
+                           ".hidden", "startup2"}) {
+    std::filesystem::create_directories(std::filesystem::path("/quorvane/run") / name / "deep");
+  }
+  std::ofstream("/quorvane/run/file") << "x";
+  std::filesystem::create_directory_symlink("/quorvane/run/config-manager", "/quorvane/run/link");
+  world.config = {{"gw_system_productkey", "old"}, {"gw_system_devicename", "dn"}};
+  EXPECT_THAT(appear({"pk", "dn", "ds"}),
+              ElementsAre("get gw_system_productkey", "get gw_system_devicename", "reset",
+                          "set gw_system_productkey=pk", "set gw_system_devicename=dn",
+                          "set gw_system_devicesecret=ds protected", "flush", "set gw_ha_service_switch=off"));
+  EXPECT_THAT(lines_, ElementsAre("check current gw_system_productkey=old gw_system_devicename=dn",
+                                  "reset config-manager", "clean business runtime data",
+                                  "set config gw_system_productkey=pk gw_system_devicename=dn",
+                                  "set config gw_ha_service_switch=off"));
+  std::vector<std::string> left;
+  for (const auto& entry : std::filesystem::directory_iterator("/quorvane/run")) left.push_back(entry.path().filename());
+  EXPECT_THAT(left, testing::UnorderedElementsAre("config-manager", "startup", "logger", "console", ".sec_bak",
+                                                  ".security", ".sst"));
+  EXPECT_TRUE(std::filesystem::exists("/quorvane/run/config-manager/deep"));
+}
+
+TEST_F(Identity, WithHalfACurrentOneIsWrittenWithoutReset) {
+  world.config = {{"gw_system_productkey", "old"}};
+  EXPECT_THAT(appear({"pk", "dn", "ds"}), Not(Contains("reset")));
+}
+
+TEST_F(Identity, ThatCannotBeReadStaysPendingAndRestartsTheStack) {
+  world.config_answers = false;
+  EXPECT_THAT(appear({"pk", "dn", "ds", "h", "p", "v"}), IsEmpty());
+  EXPECT_THAT(lines_, ElementsAre("get current gw_system_productkey fail", "set config gw_ha_service_switch=off"));
+  EXPECT_EQ(probe().pending_identity(), (std::array<std::string, 3>{"pk", "dn", "ds"}));
+  EXPECT_GE(world.count_lines("quorvaned startup success"), 2U);
+}
+
+TEST_F(Identity, EndpointsAreWrittenInGroupsOfThree) {
+  EXPECT_THAT(appear({"", "", "", "h", "p", "v", "ch", "cp", "tt"}),
+              ElementsAre("set gw_system_as_host=h", "set gw_system_as_port=p", "set gw_system_ver_ca=v",
+                          "set gw_remoteaccess_cloud_host=ch", "set gw_remoteaccess_cloud_port=cp",
+                          "set gw_remoteaccess_tls_type=tt", "set gw_ha_service_switch=off"));
+  EXPECT_THAT(
+      lines_,
+      ElementsAre("set config gw_system_as_host=h gw_system_as_port=p gw_system_ver_ca=v",
+                  "set config gw_remoteaccess_cloud_host=ch gw_remoteaccess_cloud_port=cp gw_remoteaccess_tls_type=tt",
+                  "set config gw_ha_service_switch=off"));
+}
+
+TEST_F(Identity, IncompleteGroupsAreNotWritten) {
+  EXPECT_THAT(appear({"pk", "", "ds", "h", "p", "", "", "cp", "tt"}), ElementsAre("set gw_ha_service_switch=off"));
+}
+
+TEST_F(Identity, IsAppliedOnce) {
+  (void)appear({"pk", "dn", "ds", "h", "p", "v"});
+  world.config_calls.clear();
+  make("[]");
+  world.config_calls.clear();
+  EXPECT_THAT(appear({}), ElementsAre("set gw_ha_service_switch=off"));
+}
+
+TEST_F(Identity, IsSynchronisedWhenTheServiceLeavesToo) {
+  make("[]", {"pk", "dn", "ds"});
+  world.after_s(10, [this] { (void)watchdog().name_owner_changed("iot.dmp.configmanager", ":1.9", ""); });
+  end_by_upgrade_after_ms(20'000);
+  (void)probe().run();
+  EXPECT_THAT(world.config_calls, Contains("set gw_system_productkey=pk"));
+}
+
+}  // namespace
+}  // namespace Tessaro::Iot::Quorvaned

@@ -1,0 +1,102 @@
+// The file behind the start-up log, at its real place.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "paths.h"
+#include "startup_log.h"
+
+namespace Tessaro::Iot::Component {
+namespace {
+
+namespace fs = std::filesystem;
+
+class StartupLogFile : public testing::Test {
+ protected:
+  StartupLogFile() {
+    fs::remove_all("/quorvane/run");
+    fs::create_directories("/quorvane/run/startup");
+  }
+  ~StartupLogFile() override { fs::remove_all("/quorvane/run"); }
+  static std::string content() {
+    std::ostringstream text;
+    text << std::ifstream(Paths::startup_log).rdbuf();
+    return text.str();
+  }
+};
+
+TEST_F(StartupLogFile, IsCreatedAndAppendedTo) {
+  EXPECT_EQ(startup_log_size(), -1);
+  append_startup_log("one\n");
+  append_startup_log("two\n");
+  EXPECT_EQ(content(), "one\ntwo\n");
+  EXPECT_EQ(startup_log_size(), 8);
+}
+
+TEST_F(StartupLogFile, OfExactlyTheLimitIsAppendedTo) {
+  std::ofstream(Paths::startup_log) << std::string(262144, 'x');
+  append_startup_log("line\n");
+  EXPECT_EQ(startup_log_size(), 262144 + 5);
+}
+
+TEST_F(StartupLogFile, BeyondTheLimitRestartsWithTheNextLine) {
+  std::ofstream(Paths::startup_log) << std::string(262145, 'x');
+  append_startup_log("line\n");
+  EXPECT_EQ(content(), "line\n");
+}
+
+TEST_F(StartupLogFile, HoldsSecretsAndIsNotForEverybody) {
+  for (const mode_t mask : {mode_t{0}, mode_t{022}, mode_t{077}}) {
+    fs::remove(Paths::startup_log);
+    const mode_t before = ::umask(mask);
+    append_startup_log("x\n");
+    (void)::umask(before);
+    struct stat status {};
+    ASSERT_EQ(::stat(Paths::startup_log, &status), 0);
+    EXPECT_EQ(status.st_mode & 0777 & ~0640U, 0U) << mask;
+  }
+}
+
+TEST_F(StartupLogFile, WithoutItsDirectoryDropsTheLine) {
+  fs::remove_all("/quorvane/run");
+  append_startup_log("x\n");
+  EXPECT_FALSE(fs::exists("/quorvane/run"));
+}
+
+TEST_F(StartupLogFile, IsNotWrittenThroughALink) {
+  std::ofstream("/quorvane/run/other") << "";
+  fs::create_symlink("/quorvane/run/other", Paths::startup_log);
+  append_startup_log("x\n");
+  EXPECT_EQ(fs::file_size("/quorvane/run/other"), 0U);
+}
+
+TEST_F(StartupLogFile, LinesOfManyThreadsStayWholeAtTheLimitToo) {
+  constexpr int32_t threads = 8;
+  constexpr int32_t lines = 2000;  // passes the limit several times
+  const std::string body(120, 'a');
+  std::vector<std::thread> writers;
+  for (int32_t writer = 0; writer < threads; ++writer) {
+    writers.emplace_back([&, writer] {
+      for (int32_t line = 0; line < lines; ++line) {
+        append_startup_log("<" + std::string(1, static_cast<char>('0' + writer)) + body + ">\n");
+      }
+    });
+  }
+  for (std::thread& writer : writers) writer.join();
+  std::istringstream text(content());
+  int32_t seen = 0;
+  for (std::string line; std::getline(text, line); ++seen) {
+    ASSERT_EQ(line.size(), body.size() + 3) << line;
+    ASSERT_TRUE(line.front() == '<' && line.back() == '>') << line;
+  }
+  EXPECT_GT(seen, 0);
+  EXPECT_LE(startup_log_size(), 262144 + 124);
+}
+
+}  // namespace
+}  // namespace Tessaro::Iot::Component
