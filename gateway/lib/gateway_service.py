@@ -30,7 +30,9 @@ class GatewayService(dbus.service.Object):
         self.loop = GLib.MainLoop()
         self.bus = dbus.bus.BusConnection(BUS_ADDRESS)
         self.bus.set_exit_on_disconnect(False)
-        self.bus.call_on_disconnection(lambda _connection: os._exit(1))
+        self.stopping = False
+        # When all is stopped the bus may be gone first: that is no failure then.
+        self.bus.call_on_disconnection(lambda _connection: os._exit(0 if self.stopping else 1))
         super().__init__(self.bus, "/" + bus_name.replace(".", "/"))
         for number in (signal.SIGTERM, signal.SIGINT):
             signal.signal(number, self.stop)
@@ -38,6 +40,7 @@ class GatewayService(dbus.service.Object):
     def stop(self, _number, _frame):
         """Leave `run`. Stuck elsewhere, the process is killed by the alarm: the supervisor asks only once."""
         signal.alarm(3)
+        self.stopping = True
         self.loop.quit()
 
     def run(self):
