@@ -350,11 +350,14 @@ def test_threads_of_the_daemon_have_their_names_and_policy(gateway):
     gateway.catalogue(Service("svc"))
     daemon = gateway.up()
     names = {}
-    for task in os.listdir(f"/proc/{daemon.pid}/task"):
-        names[processes.proc(daemon.pid, f"task/{task}/comm").strip()] = int(task)
-    assert "start_up_thread" in names
-    # The kernel keeps 15 characters of "sevice_manager_thread".
-    assert "sevice_manager_" in names
+
+    def named():
+        for task in os.listdir(f"/proc/{daemon.pid}/task"):
+            names[processes.proc(daemon.pid, f"task/{task}/comm").strip()] = int(task)
+        # The kernel keeps 15 characters of "sevice_manager_thread".
+        return {"start_up_thread", "sevice_manager_"} <= names.keys()
+
+    clock.until(named, 2, lambda: f"both threads' names, not only {sorted(names)}")
     for name in ("start_up_thread", "sevice_manager_"):
         policy = os.sched_getscheduler(names[name])
         assert policy & ~os.SCHED_RESET_ON_FORK in (os.SCHED_FIFO, os.SCHED_OTHER)

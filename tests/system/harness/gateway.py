@@ -197,10 +197,14 @@ class Gateway:
     # Sanitizers
 
     def collect_sanitizer_reports(self):
-        """Send the reports of instrumented programs to files: the daemon in the background has no terminal."""
+        """Send the reports of instrumented programs to files: the daemon in the background has no terminal.
+
+        The daemon's handlers run on its main thread, and only while that waits, so what they call need not be
+        safe at any moment; and the process ends with its threads running, on purpose. Both would be reported.
+        """
         for name in ("TSAN_OPTIONS", "ASAN_OPTIONS", "UBSAN_OPTIONS"):
-            given = os.environ.get(name)
-            os.environ[name] = (given + ":" if given else "") + f"log_path={self.path('sanitizer')}"
+            own = "report_signal_unsafe=0:report_thread_leaks=0:" if name == "TSAN_OPTIONS" else ""
+            os.environ[name] = own + os.environ.get(name, "") + f":log_path={self.path('sanitizer')}"
 
     def sanitizer_reports(self):
         """What they found; empty when all is well."""
@@ -209,7 +213,7 @@ class Gateway:
             if name.startswith("sanitizer."):
                 with open(self.path(name), encoding="utf-8", errors="backslashreplace") as file:
                     texts.append(file.read())
-        return "\n".join(texts)
+        return "\n".join(texts)[:50000]
 
     # After a failure
 

@@ -72,7 +72,10 @@ def run_inside(body, *, keep, limit, sizes=None):
     _, status = os.waitpid(guard, 0)
     if not answer:
         raise Broken(f"the test's process died without a report (guard status {status})")
-    kind, value = pickle.loads(answer)
+    try:
+        kind, value = pickle.loads(answer)
+    except (pickle.UnpicklingError, EOFError) as error:
+        raise Broken(f"the test's process was killed while it reported: it did not end in time ({error})") from None
     if kind != "done":
         raise Broken(value)
     return value
@@ -167,7 +170,7 @@ def _run(body, write_end, limit):
         raise Hangs(f"the test hangs: it did not end within {limit:g} s")
 
     signal.signal(signal.SIGALRM, interrupt)
-    signal.setitimer(signal.ITIMER_REAL, limit, 5)
+    signal.setitimer(signal.ITIMER_REAL, limit)
     try:
         answer = ("done", body())
     except BaseException as error:  # pylint: disable=broad-except
