@@ -28,8 +28,8 @@ DBusConnection* open_bus_connection(const std::string& name) {
 void close_bus_connection(DBusConnection* connection, const std::string& name) {
   // The bus takes the name back with the connection in any case; asking first, without waiting for a reply that a
   // stopped bus would never give, only makes it prompt.
-  DBusMessagePtr release(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS,
-                                                      "ReleaseName"));
+  DBusMessagePtr release(
+      dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, "ReleaseName"));
   const char* text = name.c_str();
   if (release != nullptr && dbus_message_append_args(release.get(), DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID) != 0) {
     dbus_message_set_no_reply(release.get(), TRUE);

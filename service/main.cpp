@@ -1,7 +1,6 @@
 #include "main.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <ucontext.h>
@@ -9,6 +8,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -57,11 +57,14 @@ struct HandledSignal {
   Action action;
 };
 
-constexpr HandledSignal handled_signals[] = {
-    {SIGTERM, Action::stop},  {SIGINT, Action::stop},
-    {SIGSEGV, Action::end_at_once}, {SIGQUIT, Action::stop},
-    {SIGILL, Action::stop},   {SIGABRT, Action::stop},
-    {SIGUSR1, Action::stop_keeping_remote_debug}, {SIGUSR2, Action::finish_upgrade}};
+constexpr HandledSignal handled_signals[] = {{SIGTERM, Action::stop},
+                                             {SIGINT, Action::stop},
+                                             {SIGSEGV, Action::end_at_once},
+                                             {SIGQUIT, Action::stop},
+                                             {SIGILL, Action::stop},
+                                             {SIGABRT, Action::stop},
+                                             {SIGUSR1, Action::stop_keeping_remote_debug},
+                                             {SIGUSR2, Action::finish_upgrade}};
 constexpr int32_t ignored_signals[] = {SIGTTOU, SIGTTIN, SIGTSTP, SIGHUP, SIGPIPE};
 
 // Set once on the start path, before anything can read them.

@@ -4,9 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
-
 #include "platform/dir.h"
+#include "platform/text.h"
 #include "platform/thread.h"
 #include "platform/unique_fd.h"
 
@@ -28,7 +27,7 @@ struct flock whole_file_lock() noexcept {
 
 int32_t read_pid(int32_t fd) noexcept {
   char text[longest_pid_text + 1] = {};
-  return ::pread(fd, text, longest_pid_text, 0) > 0 ? std::atoi(text) : -1;
+  return ::pread(fd, text, longest_pid_text, 0) > 0 ? Text::leading_number(text) : -1;
 }
 
 // The pid that the holder of the refused lock has written, or -1. Between its lock and its write the file still shows
@@ -51,7 +50,7 @@ int32_t find_inherited(const std::string& path) {
   std::string name;
   if (::stat(path.c_str(), &wanted) != 0 || !descriptors.open("/proc/self/fd")) return -1;
   while (descriptors.getNextFile(name)) {
-    const int32_t fd = std::atoi(name.c_str());
+    const int32_t fd = Text::leading_number(name);
     struct stat found {};
     if (fd <= STDERR_FILENO || ::fstat(fd, &found) != 0 || (::fcntl(fd, F_GETFL) & O_ACCMODE) != O_RDWR) continue;
     if (found.st_dev == wanted.st_dev && found.st_ino == wanted.st_ino) return fd;
@@ -61,8 +60,8 @@ int32_t find_inherited(const std::string& path) {
 
 void write_own_pid(int32_t fd) {
   const std::string text = std::to_string(::getpid());
-  (void)::fchmod(fd, pid_file_mode);                  // the umask does not decide who may read it
-  (void)!::ftruncate(fd, 0);                          // a full disk leaves the file empty, the lock still counts
+  (void)::fchmod(fd, pid_file_mode);  // the umask does not decide who may read it
+  (void)!::ftruncate(fd, 0);          // a full disk leaves the file empty, the lock still counts
   (void)!::pwrite(fd, text.data(), text.size(), 0);
 }
 

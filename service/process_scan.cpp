@@ -1,6 +1,5 @@
 #include "process_scan.h"
 
-#include <cstdlib>
 #include <string_view>
 
 #include "install_root.h"
@@ -47,7 +46,7 @@ bool find_processes_by_name(const std::string& name, std::vector<int32_t>& pids)
     std::string stat_line;
     if (!CFile::read(entry + "/stat", stat_line)) continue;
     const size_t blank = stat_line.substr(0, stat_line.find('\n')).find(' ');
-    if (blank != std::string::npos) pids.push_back(std::atoi(stat_line.substr(0, blank).c_str()));
+    if (blank != std::string::npos) pids.push_back(Text::leading_number(stat_line));
   }
   return true;
 }

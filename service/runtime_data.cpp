@@ -13,7 +13,7 @@ namespace Tessaro::Iot::Component {
 
 namespace {
 
-constexpr std::array<std::string_view, 9> kept_names = {".",       "..",        "config-manager", "startup", "logger",
+constexpr std::array<std::string_view, 9> kept_names = {".",       "..",       "config-manager", "startup", "logger",
                                                         "console", ".sec_bak", ".security",      ".sst"};
 
 }  // namespace

@@ -1,9 +1,9 @@
 #include "service_manager.h"
 
-#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <fstream>
 #include <limits>
 #include <utility>
@@ -301,9 +301,8 @@ void CServiceManager::stop_services(int32_t force, int32_t keep_remote_debug) {
 void CServiceManager::wait_for_stop_script() { service_control->wait_for_stop_script(stop_script_wait_ms); }
 
 bool CServiceManager::is_ha_service_switch_on() {
-  const bool deployed = std::any_of(services.begin(), services.end(), [](const ServiceRecord* record) {
-    return record->exec == "high-availability";
-  });
+  const bool deployed = std::any_of(services.begin(), services.end(),
+                                    [](const ServiceRecord* record) { return record->exec == "high-availability"; });
   if (!deployed) return false;
   std::string value;
   if (config_agent->get_config("gw_high_availability_deploy", value, config_timeout_ms) == 0 && value.empty()) {

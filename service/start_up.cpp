@@ -67,9 +67,9 @@ CStartup::CStartup(int32_t progress_fd, const ServiceArguments& arguments)
       pending{{arguments[0], arguments[1], arguments[2]},
               {arguments[3], arguments[4], arguments[5]},
               {arguments[6], arguments[7], arguments[8]}},
-      watchdog_channel(std::make_unique<CDBusChannel>(
-          Paths::bus_address, watchdog_name, watchdog_path,
-          std::vector<std::string>{"type='signal',sender='org.freedesktop.DBus'"})),
+      watchdog_channel(
+          std::make_unique<CDBusChannel>(Paths::bus_address, watchdog_name, watchdog_path,
+                                         std::vector<std::string>{"type='signal',sender='org.freedesktop.DBus'"})),
       quorvaned_channel(
           new CDBusChannel(Paths::bus_address, quorvaned_name, quorvaned_path, std::vector<std::string>{})),
       config_agent(new CConfigAgent(quorvaned_channel, quorvaned_name)),
@@ -147,12 +147,11 @@ void CStartup::register_handlers() {
     };
   };
   watchdog_channel->register_error_callback([this](int32_t error) { dbus_error_callback(error); });
-  watchdog_channel->register_signal_callback(
-      "feedDog", [this](CDBusSignal& signal) { feed_dog_signal_handler(signal); },
-      {{{"dbus_name", "s"}, {"item", "s"}, {"seconds", "i"}}, {}});
-  watchdog_channel->register_signal_callback("NameOwnerChanged", [this](CDBusSignal& signal) {
-    name_owner_changed_signal_hander(signal);
-  });
+  watchdog_channel->register_signal_callback("feedDog",
+                                             [this](CDBusSignal& signal) { feed_dog_signal_handler(signal); },
+                                             {{{"dbus_name", "s"}, {"item", "s"}, {"seconds", "i"}}, {}});
+  watchdog_channel->register_signal_callback("NameOwnerChanged",
+                                             [this](CDBusSignal& signal) { name_owner_changed_signal_hander(signal); });
   quorvaned_channel->register_method_callback("get_le_status", member(&CStartup::get_le_status_member_handler),
                                               {{}, {{"status", "s"}}});
   quorvaned_channel->register_method_callback("set_gateway_triple",
@@ -394,9 +393,8 @@ void CStartup::sync_gateway_identity() {
   }
   if (is_complete(wanted.remote_access)) {
     const Group& values = wanted.remote_access;
-    STARTUP_LOG(
-        "set config gw_remoteaccess_cloud_host=%s gw_remoteaccess_cloud_port=%s gw_remoteaccess_tls_type=%s",
-        values[0].c_str(), values[1].c_str(), values[2].c_str());
+    STARTUP_LOG("set config gw_remoteaccess_cloud_host=%s gw_remoteaccess_cloud_port=%s gw_remoteaccess_tls_type=%s",
+                values[0].c_str(), values[1].c_str(), values[2].c_str());
     (void)config_agent->set_config("gw_remoteaccess_cloud_host", values[0], config_timeout_ms, false);
     (void)config_agent->set_config("gw_remoteaccess_cloud_port", values[1], config_timeout_ms, false);
     (void)config_agent->set_config("gw_remoteaccess_tls_type", values[2], config_timeout_ms, false);

@@ -33,7 +33,7 @@ class CStartup : public Component::CThread {
   // `progress_fd` receives the progress lines (owned by the service manager); the nine strings are pending until the
   // configuration service appears, empty ones are not. Created once and never destroyed in practice.
   // Context: main thread.
-  CStartup(int32_t progress_fd, const ServiceArguments& pending);
+  CStartup(int32_t progress_fd, const ServiceArguments& arguments);
   ~CStartup() override;
 
   // Prepares the running environment and starts the controller thread. Returns true when both succeeded.

@@ -27,8 +27,7 @@ bool ask(DBusConnection* connection, std::string& status) {
   if (call == nullptr) return false;
   DBusError error;
   dbus_error_init(&error);
-  DBusMessagePtr reply(
-      dbus_connection_send_with_reply_and_block(connection, call.get(), reply_timeout_ms, &error));
+  DBusMessagePtr reply(dbus_connection_send_with_reply_and_block(connection, call.get(), reply_timeout_ms, &error));
   if (bus_error_set(error) != 0 || reply == nullptr) return false;
   const char* text = nullptr;
   (void)dbus_message_get_args(reply.get(), &error, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);  // the error tells

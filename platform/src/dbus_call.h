@@ -71,10 +71,8 @@ class DBusCall {
     State state = State::waiting;  // left once
 
     void settle(State final_state) noexcept {
-      {
-        const std::lock_guard<std::mutex> lock(mutex);
-        if (state == State::waiting) state = final_state;
-      }
+      const std::lock_guard<std::mutex> lock(mutex);
+      if (state == State::waiting) state = final_state;
       settled.notify_all();
     }
   };

@@ -116,8 +116,7 @@ bool authenticate(DBusConnection* connection, const DBusDeadline& deadline) noex
 }
 
 DBusMessagePtr driver_call(const char* member) noexcept {
-  return DBusMessagePtr(
-      dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, member));
+  return DBusMessagePtr(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, member));
 }
 
 // The driver's answer, or null for an error, a time-out or a lost connection.
@@ -158,8 +157,8 @@ int32_t request_bus_name(DBusConnection* connection, const std::string& name, in
   if (!written) return -1;
   const DBusMessagePtr answer = ask_driver(connection, call, DBusDeadline(timeout_ms));
   dbus_uint32_t code = 0;
-  const bool read = answer && dbus_message_get_args(answer.get(), nullptr, DBUS_TYPE_UINT32, &code,
-                                                    DBUS_TYPE_INVALID) != FALSE;
+  const bool read =
+      answer && dbus_message_get_args(answer.get(), nullptr, DBUS_TYPE_UINT32, &code, DBUS_TYPE_INVALID) != FALSE;
   return read ? static_cast<int32_t>(code) : -1;
 }
 

@@ -24,8 +24,8 @@ DBusMessagePtr new_call(const std::string& destination, const std::string& path,
                      (interface.empty() || is_valid(&dbus_validate_interface, interface)) &&
                      is_valid(&dbus_validate_member, member);
   if (!valid) return nullptr;
-  return DBusMessagePtr(dbus_message_new_method_call(
-      destination.c_str(), path.c_str(), interface.empty() ? nullptr : interface.c_str(), member.c_str()));
+  return DBusMessagePtr(dbus_message_new_method_call(destination.c_str(), path.c_str(),
+                                                     interface.empty() ? nullptr : interface.c_str(), member.c_str()));
 }
 
 DBusMessagePtr new_signal(const std::string& path, const std::string& interface, const std::string& member) noexcept {

@@ -128,8 +128,9 @@ class TreeRemover {
     UniqueFd copy(::fcntl(directory, F_DUPFD_CLOEXEC, 0));
     const Stream stream(copy.valid() ? ::fdopendir(copy.get()) : nullptr);
     if (stream == nullptr) return false;
-    (void)copy.release();  // the stream closes it
-    while (const dirent* entry = ::readdir(stream.get())) {  // NOLINT(concurrency-mt-unsafe): the stream is ours alone
+    // The stream closes it from now on.
+    (void)copy.release();
+    while (const dirent* entry = ::readdir(stream.get())) {
       const std::string_view name = entry->d_name;
       if (name != "." && name != "..") names.emplace_back(name);
     }
@@ -178,7 +179,7 @@ bool CDir::open(const std::string& path) {
 
 bool CDir::getNextFile(std::string& name) {
   if (dir_ == nullptr) return false;
-  const dirent* entry = ::readdir(dir_.get());  // NOLINT(concurrency-mt-unsafe): the stream is ours alone
+  const dirent* entry = ::readdir(dir_.get());
   if (entry == nullptr) return false;
   name = entry->d_name;
   return true;

@@ -63,8 +63,8 @@ bool LogFile::open() {
   handlers.after_open = [this](const spdlog::filename_t&, std::FILE* file) { after_open(file); };
   try {
     failed_ = false;
-    auto sink =
-        std::make_shared<spdlog::sinks::rotating_file_sink_st>(path, size_limit, old_files, /*rotate_on_open=*/false, handlers);
+    auto sink = std::make_shared<spdlog::sinks::rotating_file_sink_st>(path, size_limit, old_files,
+                                                                       /*rotate_on_open=*/false, handlers);
     sink->set_pattern("%Y-%m-%d %H:%M:%S.%e %v");
     logger_ = std::make_shared<spdlog::logger>(name_, std::move(sink));
     logger_->set_error_handler([this](const std::string&) { failed_ = true; });
@@ -81,7 +81,8 @@ void LogFile::close() noexcept {
 
 // Makes the file before the sink does: that would leave its mode to the umask, and follow a link.
 void LogFile::before_open(const std::string& path) const {
-  const UniqueFd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, file_mode));
+  const UniqueFd file(
+      ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, file_mode));
   struct stat status {};
   if (!file.valid() || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
     throw spdlog::spdlog_ex("no log file");

@@ -1,10 +1,10 @@
 #include "platform/process_host.h"
 
 #include <poll.h>
-#include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
 
+#include <csignal>
 #include <utility>
 
 #include "platform/signal_window.h"

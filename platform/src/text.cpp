@@ -1,5 +1,6 @@
 #include "platform/text.h"
 
+#include <charconv>
 #include <cstdint>
 
 namespace Tessaro::Iot::Component::Text {
@@ -97,6 +98,12 @@ void hide_control_characters(char* text, size_t length) noexcept {
       text[++index] = '?';
     }
   }
+}
+
+int32_t leading_number(std::string_view text) noexcept {
+  int32_t number = 0;
+  (void)std::from_chars(text.data(), text.data() + text.size(), number);  // it stays 0 when there is none
+  return number;
 }
 
 }  // namespace Tessaro::Iot::Component::Text

@@ -1,8 +1,8 @@
 #include "platform/thread.h"
 
 #include <sched.h>
-#include <signal.h>
 
+#include <csignal>
 #include <memory>
 #include <utility>
 
@@ -53,7 +53,7 @@ bool CThread::createThread() {
   finished_.store(false);
 
   pthread_attr_t attributes;
-  (void)::pthread_attr_init(&attributes);  // cannot fail on Linux
+  (void)::pthread_attr_init(&attributes);                                            // cannot fail on Linux
   if (stack_size_ > 0) (void)::pthread_attr_setstacksize(&attributes, stack_size_);  // too small: the default
   joinable_ = ::pthread_create(&thread_, &attributes, &CThread::run, this) == 0;
   (void)::pthread_attr_destroy(&attributes);

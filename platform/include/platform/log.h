@@ -10,9 +10,10 @@ constexpr int32_t log_level_info = 1;
 constexpr int32_t log_level_failure = 2;
 
 // Binds the library to the logging service, or binds it anew after that service has come back.
-// `module` is the name under which lines are sent; `to_service` 1 sends each line to the service as well; `lowest_level`
-// is the lowest level kept; each line of `flush_level` or above is flushed to the file at once, the others within about
-// a second. Before the first call every line is kept and flushed at once, and goes to the file only.
+// `module` is the name under which lines are sent; `to_service` 1 sends each line to the service as well;
+// `lowest_level` is the lowest level kept; each line of `flush_level` or above is flushed to the file at once, the
+// others soon after by another thread. Before the first call every line is kept and flushed at once, and goes to the
+// file only.
 // Context: any thread. Never waits for the bus, never fails.
 void log_init(const char* module, int32_t to_service, int32_t lowest_level, int32_t flush_level);
 

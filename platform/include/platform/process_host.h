@@ -94,16 +94,16 @@ class CProcessHost {
   void serve_requests();
   void wait_for_event(int64_t timeout_ms);
 
-  std::mutex mutex_;                                 // guards the four below
+  std::mutex mutex_;  // guards the four below
   uint64_t next_serial_ = 1;
-  std::unordered_map<int32_t, uint64_t> children_;   // pid to serial, from the fork to the reap
-  std::unordered_map<uint64_t, UniqueFd> adopted_;   // serial to pidfd
-  std::deque<Request*> requests_;                    // each owned by the thread that waits for it
+  std::unordered_map<int32_t, uint64_t> children_;  // pid to serial, from the fork to the reap
+  std::unordered_map<uint64_t, UniqueFd> adopted_;  // serial to pidfd
+  std::deque<Request*> requests_;                   // each owned by the thread that waits for it
 
   std::condition_variable served_;
-  std::thread::id host_thread_;                      // written before any other thread exists
-  UniqueFd child_event_;                             // signalfd of SIGCHLD
-  UniqueFd request_event_;                           // eventfd
+  std::thread::id host_thread_;  // written before any other thread exists
+  UniqueFd child_event_;         // signalfd of SIGCHLD
+  UniqueFd request_event_;       // eventfd
 };
 
 }  // namespace Tessaro::Iot::Component

@@ -6,8 +6,8 @@
 #pragma once
 
 #include <poll.h>
-#include <signal.h>
 
+#include <csignal>
 #include <cstdint>
 
 namespace Tessaro::Iot::Component::SignalWindow {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -21,6 +22,10 @@ namespace Tessaro::Iot::Component::Text {
 // `text` with every byte that the bus would refuse replaced by "?".
 // Context: any thread.
 [[nodiscard]] std::string to_bus_text(const std::string& text);
+
+// The decimal number that `text` begins with, 0 when it begins with none or with one that does not fit.
+// Context: any, including signal handlers.
+[[nodiscard]] int32_t leading_number(std::string_view text) noexcept;
 
 // Replaces the control characters of the first `length` bytes at `text` by "?", so that a value cannot forge a line of
 // its own in a log.

@@ -136,7 +136,8 @@ TEST(Catalogue, SurvivesBytesThatAreNoText) {
 
 TEST(Catalogue, HoldsTenMegabytes) {
   std::string text = "[";
-  while (text.size() < size_t{10} * 1024 * 1024) text += R"({"exec": "svc", "args": ["aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa"]},)";
+  while (text.size() < size_t{10} * 1024 * 1024)
+    text += R"({"exec": "svc", "args": ["aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa"]},)";
   text += "{}]";
   const Catalogue catalogue(text);
   ASSERT_TRUE(catalogue.ok);

@@ -1,8 +1,8 @@
 #include "process_scan.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <fcntl.h>
 #include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -69,9 +69,7 @@ TEST_F(ProcessScan, FindsAProgramOfThisInstallationByNameOrPath) {
   EXPECT_THAT(find("probe-inside/"), IsEmpty());
 }
 
-TEST_F(ProcessScan, FindsTheCallerItself) {
-  EXPECT_THAT(find("unit_service_system"), Contains(::getpid()));
-}
+TEST_F(ProcessScan, FindsTheCallerItself) { EXPECT_THAT(find("unit_service_system"), Contains(::getpid())); }
 
 TEST_F(ProcessScan, AppendsToTheList) {
   std::vector<int32_t> pids = {-5};

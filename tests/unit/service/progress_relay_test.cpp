@@ -23,11 +23,14 @@ struct Pipe {
     if (ends[which] >= 0) (void)::close(ends[which]);
     ends[which] = -1;
   }
-  void write(const std::string& text) const { ASSERT_EQ(::write(ends[1], text.data(), text.size()), static_cast<ssize_t>(text.size())); }
+  void write(const std::string& text) const {
+    ASSERT_EQ(::write(ends[1], text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  }
   std::string read_all() const {
     std::string text;
     char buffer[4096];
-    for (ssize_t count = 0; (count = ::read(ends[0], buffer, sizeof buffer)) > 0;) text.append(buffer, static_cast<size_t>(count));
+    for (ssize_t count = 0; (count = ::read(ends[0], buffer, sizeof buffer)) > 0;)
+      text.append(buffer, static_cast<size_t>(count));
     return text;
   }
 };

@@ -34,7 +34,9 @@ class ServiceControl : public testing::Test {
     control.start_service(&record);
     return record.pid;
   }
-  std::string run_line(const std::string& name) const { return "run " + name + " pid " + std::to_string(world.forks.back().pid); }
+  std::string run_line(const std::string& name) const {
+    return "run " + name + " pid " + std::to_string(world.forks.back().pid);
+  }
 
   World& world = World::get();
   CDBusChannel channel{"unix:path=/nowhere", "iot.test", "/iot/test", {}};

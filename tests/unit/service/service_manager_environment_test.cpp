@@ -146,11 +146,10 @@ TEST_F(Environment, StopsAnOldInstanceAndWaitsForIt) {
   world.at_ms(world.now_ms + 2500, [&] { old.let_go(); });
   EXPECT_EQ(manager.init_environment(), 1);
   EXPECT_THAT(world.signals, ElementsAre(Signal{std::stoi(pid), SIGUSR1}));
-  EXPECT_THAT(check_lines(), ElementsAre("check old quorvaned, count:0 old_pid:" + pid,
-                                         "stop old quorvaned, kill -10 " + pid,
-                                         "check old quorvaned, count:1 old_pid:" + pid,
-                                         "check old quorvaned, count:2 old_pid:" + pid,
-                                         "check old quorvaned, count:3 old_pid:0"));
+  EXPECT_THAT(check_lines(),
+              ElementsAre("check old quorvaned, count:0 old_pid:" + pid, "stop old quorvaned, kill -10 " + pid,
+                          "check old quorvaned, count:1 old_pid:" + pid, "check old quorvaned, count:2 old_pid:" + pid,
+                          "check old quorvaned, count:3 old_pid:0"));
 }
 
 TEST_F(Environment, GoesOnWithoutThePidFileAfterTenRechecks) {

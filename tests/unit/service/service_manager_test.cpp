@@ -89,10 +89,9 @@ TEST_F(ServiceManager, SaysThatACatalogueCannotBeLoaded) {
 TEST_F(ServiceManager, StartsServicesInCatalogueOrder) {
   load(R"([{"exec": "a"}, {"exec": "bin/b"}, {"exec": "c"}])");
   manager.run_services();
-  EXPECT_THAT(world.lines,
-              ElementsAre("running a service", "run a pid " + std::to_string(pid_of(0)), "running bin/b service",
-                          "run b pid " + std::to_string(pid_of(1)), "running c service",
-                          "run c pid " + std::to_string(pid_of(2))));
+  EXPECT_THAT(world.lines, ElementsAre("running a service", "run a pid " + std::to_string(pid_of(0)),
+                                       "running bin/b service", "run b pid " + std::to_string(pid_of(1)),
+                                       "running c service", "run c pid " + std::to_string(pid_of(2))));
 }
 
 TEST_F(ServiceManager, WaitsTheDelayInStepsOfATenth) {
@@ -163,7 +162,8 @@ TEST_F(ServiceManager, RunsWithoutAPredicate) {
 TEST_F(ServiceManager, SendsProgressToTheLauncherUntilTheMonitorStarts) {
   int ends[2];
   ASSERT_EQ(::pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
-  CServiceManager started(&channel, ends[1], [] { return true; }, &agent);
+  CServiceManager started(
+      &channel, ends[1], [] { return true; }, &agent);
   started.print_progress("running a service");
   char text[64] = {};
   EXPECT_EQ(::read(ends[0], text, sizeof text), 18);
@@ -281,9 +281,7 @@ TEST_F(ServiceManager, RestartsAtOnceWhenTheGraceIsOver) {
 
 TEST_F(ServiceManager, RestartsAFailingServiceForEverWithoutBackOff) {
   load(R"([{"exec": "a", "monitor": 1}])");
-  world.on_fork = [this](int32_t pid) {
-    world.at_ms(world.now_ms + 1, [this, pid] { process_exit(pid); });
-  };
+  world.on_fork = [this](int32_t pid) { world.at_ms(world.now_ms + 1, [this, pid] { process_exit(pid); }); };
   manager.run_services();
   monitor_for_s(200);
   EXPECT_THAT(fork_seconds("a"), ElementsAre(1000, 1031, 1062, 1093, 1124, 1155, 1186));
@@ -334,8 +332,7 @@ class KeepAlive : public ServiceManager {
     manager.run_services();
   }
   std::map<std::string, int32_t>& table() { return record(1).keepalive; }
-  static constexpr const char* timeout_line =
-      "2 check_keepalive: check_keepalive, services:a keepalive timeout";
+  static constexpr const char* timeout_line = "2 check_keepalive: check_keepalive, services:a keepalive timeout";
 };
 
 TEST_F(KeepAlive, DeadlineIsTheCurrentSecondPlusTheSeconds) {

@@ -1,6 +1,5 @@
 // The handlers of the bus.
 #include "start_up.h"
-
 #include "start_up_probe.h"
 
 namespace Tessaro::Iot::Quorvaned {
@@ -37,9 +36,8 @@ class BusHandlers : public StartupTest {
 
 TEST_F(BusHandlers, StatusIsTheReportAsOneString) {
   while_up([this] {
-    EXPECT_EQ(reply("get_le_status"),
-              "[  \033[32m+\033[0m  ]  Service a is \033[32mactive\033[0m, pid is " +
-                  std::to_string(world.forks.at(1).pid) + "\n");
+    EXPECT_EQ(reply("get_le_status"), "[  \033[32m+\033[0m  ]  Service a is \033[32mactive\033[0m, pid is " +
+                                          std::to_string(world.forks.at(1).pid) + "\n");
   });
 }
 
@@ -62,9 +60,7 @@ TEST_F(BusHandlers, RebootAnswersNothingAndRestartsTheStack) {
 }
 
 TEST_F(BusHandlers, TripleWithoutArgumentIsRefused) {
-  while_up([this] {
-    EXPECT_EQ(reply("set_gateway_triple"), R"({"code":1,"message":"invaild dbus parameter"})");
-  });
+  while_up([this] { EXPECT_EQ(reply("set_gateway_triple"), R"({"code":1,"message":"invaild dbus parameter"})"); });
   EXPECT_EQ(cycles(), 1U);
   EXPECT_THAT(world.printed, Contains("2 gateway_tripe_change_member_handler: gateway_tripe_change_member_handler, "
                                       "get dbus parameter fail"));
@@ -85,17 +81,18 @@ TEST_F(BusHandlers, TripleThatIsNoJsonIsRefused) {
 
 TEST_F(BusHandlers, IncompleteTripleIsRefused) {
   while_up([this] {
-    for (const char* text :
-         {"{}", "[]", "1", "null", R"({"productkey":"a","devicename":"b"})",
-          R"({"productkey":"a","devicename":"","devicesecret":"c"})", R"({"productkey":1,"devicename":2,"devicesecret":3})",
-          R"({"productkey":["a"],"devicename":{"b":1},"devicesecret":"c"})"}) {
+    for (const char* text : {"{}", "[]", "1", "null", R"({"productkey":"a","devicename":"b"})",
+                             R"({"productkey":"a","devicename":"","devicesecret":"c"})",
+                             R"({"productkey":1,"devicename":2,"devicesecret":3})",
+                             R"({"productkey":["a"],"devicename":{"b":1},"devicesecret":"c"})"}) {
       EXPECT_EQ(reply("set_gateway_triple", {text}), R"({"code":2,"message":"dbus parameter format error"})") << text;
     }
     EXPECT_EQ(probe().pending_identity(), (std::array<std::string, 3>{}));
   });
   EXPECT_EQ(cycles(), 1U);
-  EXPECT_THAT(world.printed,
-              Contains("2 gateway_tripe_change_member_handler: gateway_tripe_change_member_handler, get pk/dn/ds fail"));
+  EXPECT_THAT(
+      world.printed,
+      Contains("2 gateway_tripe_change_member_handler: gateway_tripe_change_member_handler, get pk/dn/ds fail"));
 }
 
 TEST_F(BusHandlers, CompleteTripleIsStoredAndRestartsTheStack) {

@@ -71,12 +71,13 @@ TEST_F(Identity, ThatHasChangedResetsAndCleansBeforeItIsWritten) {
               ElementsAre("get gw_system_productkey", "get gw_system_devicename", "reset",
                           "set gw_system_productkey=pk", "set gw_system_devicename=dn",
                           "set gw_system_devicesecret=ds protected", "flush", "set gw_ha_service_switch=off"));
-  EXPECT_THAT(lines_, ElementsAre("check current gw_system_productkey=old gw_system_devicename=dn",
-                                  "reset config-manager", "clean business runtime data",
-                                  "set config gw_system_productkey=pk gw_system_devicename=dn",
-                                  "set config gw_ha_service_switch=off"));
+  EXPECT_THAT(lines_,
+              ElementsAre("check current gw_system_productkey=old gw_system_devicename=dn", "reset config-manager",
+                          "clean business runtime data", "set config gw_system_productkey=pk gw_system_devicename=dn",
+                          "set config gw_ha_service_switch=off"));
   std::vector<std::string> left;
-  for (const auto& entry : std::filesystem::directory_iterator("/quorvane/run")) left.push_back(entry.path().filename());
+  for (const auto& entry : std::filesystem::directory_iterator("/quorvane/run"))
+    left.push_back(entry.path().filename());
   EXPECT_THAT(left, testing::UnorderedElementsAre("config-manager", "startup", "logger", "console", ".sec_bak",
                                                   ".security", ".sst"));
   EXPECT_TRUE(std::filesystem::exists("/quorvane/run/config-manager/deep"));

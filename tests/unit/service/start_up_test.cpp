@@ -37,12 +37,12 @@ TEST_F(Startup, BringsTheStackUpInItsOrder) {
   EXPECT_EQ(probe().run(), 0);
   std::vector<std::string> lines = world.lines;
   lines.resize(10);
-  EXPECT_THAT(lines, ElementsAre("running dbus daemon", "run dbus-daemon pid " + std::to_string(world.forks[0].pid),
-                                 "success to startup dbus daemon", "watchdog success to connect dbus daemon",
-                                 "quorvaned success to connect dbus daemon", "running a service",
-                                 "run a pid " + std::to_string(world.forks[1].pid),
-                                 "success to startup business service", "begin to monitor business service",
-                                 "quorvaned startup success"));
+  EXPECT_THAT(lines,
+              ElementsAre("running dbus daemon", "run dbus-daemon pid " + std::to_string(world.forks[0].pid),
+                          "success to startup dbus daemon", "watchdog success to connect dbus daemon",
+                          "quorvaned success to connect dbus daemon", "running a service",
+                          "run a pid " + std::to_string(world.forks[1].pid), "success to startup business service",
+                          "begin to monitor business service", "quorvaned startup success"));
 }
 
 TEST_F(Startup, TearsDownInReverseOrder) {
@@ -64,9 +64,8 @@ TEST_F(Startup, RegistersAndEmptiesItsHandlersInOrder) {
   make("[]");
   end_by_upgrade_after_ms(10);
   (void)probe().run();
-  EXPECT_THAT(watchdog().registrations,
-              ElementsAre("error set", "feedDog set", "NameOwnerChanged set", "error empty", "feedDog empty",
-                          "NameOwnerChanged empty"));
+  EXPECT_THAT(watchdog().registrations, ElementsAre("error set", "feedDog set", "NameOwnerChanged set", "error empty",
+                                                    "feedDog empty", "NameOwnerChanged empty"));
   EXPECT_THAT(quorvaned().registrations,
               ElementsAre("get_le_status set", "set_gateway_triple set", "reboot set", "start_upgrade set",
                           "get_le_status empty", "set_gateway_triple empty"));
@@ -181,9 +180,9 @@ TEST_F(Startup, StopsTheRemoteTerminalOnlyForARestartThatWasAskedFor) {
   for (const std::string& line : world.lines) {
     if (line.rfind("kill ", 0) == 0) kills.push_back(line.substr(0, line.find('(')));
   }
-  EXPECT_THAT(kills, ElementsAre("kill -15 a",                                       // the lost bus
-                                 "kill -15 a", "kill -15 RemoteTerminalDaemon",      // the reboot
-                                 "kill -15 a"));                                     // the upgrade
+  EXPECT_THAT(kills, ElementsAre("kill -15 a",                                   // the lost bus
+                                 "kill -15 a", "kill -15 RemoteTerminalDaemon",  // the reboot
+                                 "kill -15 a"));                                 // the upgrade
 }
 
 TEST_F(Startup, KeepsTheRemoteTerminalInAnUpgradeWhateverIsAskedMeanwhile) {
