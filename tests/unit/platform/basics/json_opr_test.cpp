@@ -36,9 +36,9 @@ TEST_P(RefusedJson, IsRefusedAndLeavesNull) {
 }
 INSTANTIATE_TEST_SUITE_P(Texts, RefusedJson,
                          testing::Values("", " ", "{", "[", "}", "nul", "{\"a\"}", "{\"a\":}", "{a:1}", "[1 2]",
-                                         "\"open", "\"\\ud800\"", "\"\\uzzzz\"", "\xFF", "\0"s, "{\"a\":\0}"s,
-                                         "x10", "NaN", "{'a':1}", std::string(1001, '['),
-                                         std::string(100'000, '['), std::string(1001, '[') + std::string(1001, ']'),
+                                         "\"open", "\"\\ud800\"", "\"\\uzzzz\"", "\xFF", "\0"s, "{\"a\":\0}"s, "x10",
+                                         "NaN", "{'a':1}", std::string(1001, '['), std::string(100'000, '['),
+                                         std::string(1001, '[') + std::string(1001, ']'),
                                          std::string(100'000, '[') + std::string(100'000, ']')));
 
 TEST(JsonOpr, ReadsNothingFromAFileThatIsNotThere) {

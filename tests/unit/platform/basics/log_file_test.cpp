@@ -21,7 +21,8 @@ class LogFileTest : public test::LogTest {};
 TEST_F(LogFileTest, ALineHasTimeLevelTagPlaceFunctionAndMessage) {
   log_print(1, "green", "quorvaned", "/src/service/main.cpp", "reboot", 12, "code %d of %s", 7, "x");
   ASSERT_EQ(lines().size(), 1U);
-  const std::regex shape(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} info quorvaned \[main\.cpp\|12\] reboot: code 7 of x)");
+  const std::regex shape(
+      R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} info quorvaned \[main\.cpp\|12\] reboot: code 7 of x)");
   EXPECT_TRUE(std::regex_match(lines()[0], shape)) << lines()[0];
 }
 

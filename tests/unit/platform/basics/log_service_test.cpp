@@ -186,7 +186,8 @@ TEST_F(LogService, MayBeAbsentFromItsBus) {
 int64_t used_ms() {
   rusage usage{};
   (void)::getrusage(RUSAGE_SELF, &usage);  // cannot fail
-  return (usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000 + (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1000;
+  return (usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000 +
+         (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1000;
 }
 
 int64_t resident_kib() {

@@ -216,7 +216,8 @@ TEST_F(ProcessHost, RunToEndLeavesOtherDeathsToTheLoop) {
 }
 
 TEST_F(ProcessHost, RunToEndDoesNotWaitForWhatTheProgramLeavesBehind) {
-  EXPECT_LT(milliseconds_of([&] { host_.run_to_end(shell("sleep 30 & echo $! > '" + (temp_ / "pid") + "'")); }), 10'000);
+  EXPECT_LT(milliseconds_of([&] { host_.run_to_end(shell("sleep 30 & echo $! > '" + (temp_ / "pid") + "'")); }),
+            10'000);
   (void)::kill(std::stoi(test::read_file(temp_ / "pid")), SIGKILL);
 }
 

@@ -44,13 +44,15 @@ TEST_F(ProcessHostThreads, ManyThreadsStartWhileTheMainThreadServes) {
     });
   }
   size_t deaths = 0;
-  EXPECT_TRUE(test::wait_until([&] {
-    host_.serve(20, [&](int32_t pid, int32_t) {
-      if (current.erase(pid) == 0) ++early_deaths;
-      ++deaths;
-    });
-    return deaths == size_t{threads} * rounds;
-  }, std::chrono::seconds(60)));
+  EXPECT_TRUE(test::wait_until(
+      [&] {
+        host_.serve(20, [&](int32_t pid, int32_t) {
+          if (current.erase(pid) == 0) ++early_deaths;
+          ++deaths;
+        });
+        return deaths == size_t{threads} * rounds;
+      },
+      std::chrono::seconds(60)));
   for (std::thread& starter : starters) starter.join();
   EXPECT_EQ(early_deaths, 0);
   EXPECT_EQ(started, threads * rounds);
@@ -126,10 +128,12 @@ TEST_F(ProcessHostThreads, NoDeathOfABurstIsLost) {
     for (size_t count = 0; count < at_once; ++count) {
       ASSERT_GT(host_.spawn(plan, [&](ProcessRef child) { living.insert(child.pid); }).pid, 0);
     }
-    ASSERT_TRUE(test::wait_until([&] {
-      host_.serve(20, on_ended);
-      return living.empty();
-    }, std::chrono::seconds(60)));
+    ASSERT_TRUE(test::wait_until(
+        [&] {
+          host_.serve(20, on_ended);
+          return living.empty();
+        },
+        std::chrono::seconds(60)));
   }
   EXPECT_EQ(deaths, burst);
 }

@@ -35,19 +35,19 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(Sample{"", ""}, Sample{"plain\n\x1B[0m", "plain\n\x1B[0m"}, Sample{"a\0b"s, "a?b"},
                     Sample{"\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80", "\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80"},
                     Sample{"\xED\x9F\xBF\xEE\x80\x80\xEF\xBF\xBF", "\xED\x9F\xBF\xEE\x80\x80\xEF\xBF\xBF"},
-                    Sample{"\xF4\x8F\xBF\xBF", "\xF4\x8F\xBF\xBF"},
-                    Sample{"\xFF", "?"}, Sample{"a\x80z", "a?z"},            // no lead byte
-                    Sample{"cut \xE2\x82", "cut ??"}, Sample{"\xC3", "?"},   // cut inside a character
-                    Sample{"\xE2\x41\x42", "?AB"},                           // no continuation
-                    Sample{"\xC0\x80", "??"}, Sample{"\xC1\xBF", "??"},      // overlong
+                    Sample{"\xF4\x8F\xBF\xBF", "\xF4\x8F\xBF\xBF"}, Sample{"\xFF", "?"},
+                    Sample{"a\x80z", "a?z"},                                // no lead byte
+                    Sample{"cut \xE2\x82", "cut ??"}, Sample{"\xC3", "?"},  // cut inside a character
+                    Sample{"\xE2\x41\x42", "?AB"},                          // no continuation
+                    Sample{"\xC0\x80", "??"}, Sample{"\xC1\xBF", "??"},     // overlong
                     Sample{"\xE0\x80\x80", "???"}, Sample{"\xF0\x80\x80\x80", "????"},
-                    Sample{"\xED\xB0\x80", "???"},                           // half of a surrogate pair
+                    Sample{"\xED\xB0\x80", "???"},  // half of a surrogate pair
                     Sample{"\xF4\x90\x80\x80", "????"}, Sample{"\xF8\x88\x80\x80\x80", "?????"}));
 
 TEST(Text, AgreesWithTheBusLibraryOnRandomBytes) {
   constexpr int rounds = 200'000;
-  const unsigned char interesting[] = {0x01, 'a', 0x7F, 0x80, 0x8F, 0x90, 0x9F, 0xA0, 0xBF, 0xC0, 0xC1, 0xC2, 0xDF,
-                                       0xE0, 0xE1, 0xED, 0xEE, 0xEF, 0xF0, 0xF1, 0xF3, 0xF4, 0xF5, 0xFF};
+  const unsigned char interesting[] = {0x01, 'a',  0x7F, 0x80, 0x8F, 0x90, 0x9F, 0xA0, 0xBF, 0xC0, 0xC1, 0xC2,
+                                       0xDF, 0xE0, 0xE1, 0xED, 0xEE, 0xEF, 0xF0, 0xF1, 0xF3, 0xF4, 0xF5, 0xFF};
   std::mt19937 random(1);
   for (int round = 0; round < rounds; ++round) {
     std::string text(random() % 6, ' ');
