@@ -232,6 +232,7 @@ def test_a_program_that_is_missing_or_cannot_be_run_is_reported_inactive(gateway
     os.mkdir(gateway.path("bin/directory"))
     gateway.up()
     for name in ("gone", "data", "directory"):
+        gateway.log.wait_for(f"process_exit, service({name}) is abnormal")
         gateway.log.sequence(f"running {name} service", f"run {name} pid %d",
                              f"process_exit, service({name}) is abnormal")
         pid = gateway.pid_of(name)

@@ -150,11 +150,14 @@ def test_a_signal_at_any_moment_is_told_and_ends_the_daemon_in_time(gateway, run
         assert seconds < clock.stretched(1)
     else:
         assert status == 0
-        assert in_time(seconds), seconds
-        assert gateway.log.events(pid=daemon.pid, after=told[0])
-        assert gateway.log.has("quorvaned exit (force)")
-        assert not gateway.log.has("quorvaned exit (normal)")
         assert not gateway.log.has("stop business service")
+        if gateway.log.has("quorvaned exit (normal)"):
+            # The controller was asked to end before its first cycle: it ends by itself.
+            assert not gateway.log.has("running dbus daemon")
+            assert 3.0 <= seconds <= 5.5 + clock.stretched(0.5)
+        else:
+            assert in_time(seconds), seconds
+            assert gateway.log.has("quorvaned exit (force)", after=told[0])
     clock.until(lambda: not processes.running("dbus-daemon") and not processes.running("one"), 2, "an empty machine")
 
 

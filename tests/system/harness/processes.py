@@ -88,6 +88,11 @@ class Process:
     def wait(self, within=10):
         """Wait for its end and give its status."""
         clock.until(lambda: self.status is not None, within, f"the end of {self!r}")
+        # Its last words are on their way; others may hold the same output, so they are not insisted on.
+        for stream in (self.stdout, self.stderr):
+            deadline = time.monotonic() + 1
+            while stream is not None and stream.closed_at is None and time.monotonic() < deadline:
+                time.sleep(0.002)
         return self.status
 
     def signal(self, number):
