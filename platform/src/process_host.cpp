@@ -107,15 +107,17 @@ int32_t CProcessHost::signal(ProcessRef process, int32_t signal_number) {
   const std::lock_guard lock(mutex_);
   const auto adopted = adopted_.find(process.serial);
   if (adopted != adopted_.end()) return sys::signal_open_process(adopted->second.get(), signal_number);
-  const auto child = children_.find(process.pid);
-  if (child == children_.end() || child->second != process.serial) return -1;
-  return sys::send_signal(process.pid, signal_number);
+  return is_child(process) ? sys::send_signal(process.pid, signal_number) : -1;
 }
 
 bool CProcessHost::is_current(ProcessRef process) {
   const std::lock_guard lock(mutex_);
   const auto adopted = adopted_.find(process.serial);
   if (adopted != adopted_.end()) return sys::signal_open_process(adopted->second.get(), 0) == 0;
+  return is_child(process);
+}
+
+bool CProcessHost::is_child(ProcessRef process) const {
   const auto child = children_.find(process.pid);
   return child != children_.end() && child->second == process.serial;
 }
@@ -138,7 +140,11 @@ void CProcessHost::run_to_end(const CSpawnPlan& plan) {
 void CProcessHost::wait_until_ended(ProcessRef process, int64_t timeout_ms) {
   constexpr int64_t recheck_ms = 10;
   const int64_t end = CTime::getSystemStartupMilliSecond() + timeout_ms;
-  while (is_current(process) && !sys::peek_ended_child(process.pid) && CTime::getSystemStartupMilliSecond() < end) {
+  const auto lives = [this, process] {
+    const std::lock_guard lock(mutex_);
+    return is_child(process) && !sys::peek_ended_child(process.pid);
+  };
+  while (lives() && CTime::getSystemStartupMilliSecond() < end) {
     sys::pause_for(recheck_ms);
   }
 }

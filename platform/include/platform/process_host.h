@@ -76,8 +76,8 @@ class CProcessHost {
   // Context: main thread, before `serve`; the thread's signal window is open while it waits.
   void run_to_end(const CSpawnPlan& plan);
 
-  // Waits until the child has ended, at most `timeout_ms` milliseconds, without reaping it. Returns at once for anything
-  // but a child.
+  // Waits until the child has ended, at most `timeout_ms` milliseconds, without reaping it. Returns at once for
+  // anything but a child.
   // Context: main thread, and the signal handler on it.
   void wait_until_ended(ProcessRef process, int64_t timeout_ms);
 
@@ -90,6 +90,7 @@ class CProcessHost {
   struct Request;
 
   bool on_host_thread() const;
+  bool is_child(ProcessRef process) const;  // with the lock held
   ProcessRef fork_and_store(const CSpawnPlan& plan, const StartedHandler& on_started);
   void serve_requests();
   void wait_for_event(int64_t timeout_ms);
