@@ -215,6 +215,33 @@ TEST_F(ProcessHost, RunToEndLeavesOtherDeathsToTheLoop) {
   EXPECT_EQ(deaths_[0].raw_status, 5 << 8);
 }
 
+TEST_F(ProcessHost, AnEndIsWaitedForWithoutReaping) {
+  const ProcessRef child = host_.spawn(shell("sleep 0.1"), nullptr);
+  EXPECT_LT(milliseconds_of([&] { host_.wait_until_ended(child, 20'000); }), 10'000);
+  EXPECT_FALSE(is_alive(child.pid));
+  EXPECT_TRUE(host_.is_current(child));
+  EXPECT_TRUE(serve_until([&] { return deaths_.size() == 1; }));
+}
+
+TEST_F(ProcessHost, AnEndIsWaitedForNoLongerThanAsked) {
+  const ProcessRef child = host_.spawn(plan_of("/bin/sleep", {"60"}), nullptr);
+  EXPECT_GE(milliseconds_of([&] { host_.wait_until_ended(child, 100); }), 95);
+  EXPECT_EQ(host_.signal(child, SIGKILL), 0);
+  EXPECT_TRUE(serve_until([&] { return deaths_.size() == 1; }));
+}
+
+TEST_F(ProcessHost, OnlyTheEndOfAChildIsWaitedFor) {
+  const ProcessRef reaped = host_.spawn(shell("exit 0"), nullptr);
+  ASSERT_TRUE(serve_until([&] { return deaths_.size() == 1; }));
+  const ProcessRef adopted = host_.adopt(::getpid());
+  EXPECT_LT(milliseconds_of([&] {
+              host_.wait_until_ended(reaped, 20'000);
+              host_.wait_until_ended(ProcessRef{}, 20'000);
+              host_.wait_until_ended(adopted, 20'000);
+            }),
+            10'000);
+}
+
 TEST_F(ProcessHost, RunToEndDoesNotWaitForWhatTheProgramLeavesBehind) {
   EXPECT_LT(milliseconds_of([&] { host_.run_to_end(shell("sleep 30 & echo $! > '" + (temp_ / "pid") + "'")); }),
             10'000);

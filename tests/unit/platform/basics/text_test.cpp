@@ -56,6 +56,16 @@ TEST(Text, AgreesWithTheBusLibraryOnRandomBytes) {
   }
 }
 
+TEST(Text, ALeadingNumberIsTakenOrIsNone) {
+  EXPECT_EQ(leading_number("4711"), 4711);
+  EXPECT_EQ(leading_number("17\n"), 17);
+  EXPECT_EQ(leading_number("-3 x"), -3);
+  EXPECT_EQ(leading_number("2147483647"), 2147483647);
+  for (const char* text : {"", " 1", "x1", "-", "2147483648", "99999999999999999999"}) {
+    EXPECT_EQ(leading_number(text), 0) << text;
+  }
+}
+
 std::string hidden(std::string text) {
   hide_control_characters(text.data(), text.size());
   return text;
