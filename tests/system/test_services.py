@@ -157,9 +157,9 @@ def test_starting_takes_no_time_while_all_children_live(gateway):
 
 @pytest.mark.takes(12)
 def test_a_stop_right_after_a_start_ends_only_that_child(gateway):
-    count = 80
+    count = 60
     gateway.catalogue(*[Service(f"witness{number}") for number in range(5)],
-                      *[Service(f"victim{number}", "1000", program=MISSING) for number in range(count)])
+                      *[Service(f"victim{number}", "1000", program=MISSING, delay=0.1) for number in range(count)])
     for number in range(count):
         os.symlink("/bin/sleep", gateway.path(f"bin/victim{number}"))
     daemon = gateway.start()
@@ -171,6 +171,8 @@ def test_a_stop_right_after_a_start_ends_only_that_child(gateway):
     path = f"/proc/{daemon.pid}/task/{daemon.pid}/children"
     deadline = time.monotonic() + 40
     before_exec = 0
+    # The moment between the start of a process and that of its program is short: be there.
+    os.nice(-10 if os.geteuid() == 0 else 0)
     with open(path, encoding="ascii") as children:
         while not gateway_is_up(gateway) and time.monotonic() < deadline:
             for _ in range(200):
@@ -234,6 +236,8 @@ def test_a_restart_of_the_stack_stops_with_sigterm_in_reverse_order(gateway):
     assert processes.alive(pids["fota"])
     assert gateway.signals("fota") == []
     # There is no escalation: who does not listen stays, and the new one runs beside it.
+    gateway.wait_event("one", "signal", pid=pids["one"])
+    gateway.wait_event("two", "signal", pid=pids["two"])
     assert processes.alive(pids["two"])
     assert gateway.signals("two", pids["two"]) == [15]
     assert gateway.signals("one", pids["one"]) == [15]
@@ -261,7 +265,7 @@ def test_a_stop_script_that_the_end_has_started_is_given_time_to_work(gateway):
     daemon = gateway.up()
     status, seconds = term(daemon)
     assert status == 0
-    assert 5.0 <= seconds <= 6.5 + clock.stretched(0.5)
+    assert 5.0 <= seconds <= 6.5 + clock.stretched(1.5)
     gateway.log.sequence("quorvaned exit (force)", "kill -9 svc(%d)", "run stopSC.sh pid %d")
     assert os.path.exists(gateway.path("stopped"))
 
@@ -273,7 +277,7 @@ def test_a_stop_script_that_hangs_does_not_hold_the_end_for_long(gateway):
     daemon = gateway.up()
     status, seconds = term(daemon)
     assert status == 0
-    assert 5.0 <= seconds <= 6.5 + clock.stretched(0.5)
+    assert 5.0 <= seconds <= 6.5 + clock.stretched(1.5)
 
 
 def test_the_end_of_the_scene_script_is_no_accident(gateway):
