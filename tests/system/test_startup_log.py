@@ -56,6 +56,7 @@ def test_the_source_file_of_a_line_is_the_one_with_that_role(gateway, text, file
     gateway.catalogue(Service("svc"), Service("gone", program=None))
     gateway.prepare_run_directory()
     daemon = gateway.up()
+    gateway.log.wait_for("process_exit, service(gone) is abnormal")
     daemon.signal(15)
     daemon.wait(10)
     assert {event.file for event in gateway.log.find(text)} == {file}

@@ -65,12 +65,13 @@ class Process:
 
     started = []  # everything that was started with spawn(), for the report of a failure
 
-    def __init__(self, pid, argv=(), stdout=None, stderr=None):
+    def __init__(self, pid, argv=(), stdout=None, stderr=None, started_at=None):
         self.pid = pid
         self.argv = list(argv)
         self.stdout = stdout
         self.stderr = stderr
-        self.started_at = time.monotonic()
+        # Never later than the true moment: what a test measures from here is at least as long as it was.
+        self.started_at = started_at or time.monotonic()
         self.ended_at = None
 
     def __repr__(self):
@@ -119,6 +120,7 @@ def spawn(argv, *, stdin="/dev/null", output=True, stderr=None, cwd=None, env=No
     if output is True:
         out_read, out_write = os.pipe()
         err_read, err_write = os.pipe()
+    begin = time.monotonic()
     pid = os.fork()
     if pid == 0:
         try:
@@ -150,9 +152,9 @@ def spawn(argv, *, stdin="/dev/null", output=True, stderr=None, cwd=None, env=No
     if output is True:
         os.close(out_write)
         os.close(err_write)
-        process = Process(pid, argv, Output(out_read), Output(err_read))
+        process = Process(pid, argv, Output(out_read), Output(err_read), started_at=begin)
     else:
-        process = Process(pid, argv)
+        process = Process(pid, argv, started_at=begin)
     Process.started.append(process)
     return process
 
