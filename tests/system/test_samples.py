@@ -1,0 +1,242 @@
+"""The reference gateway's own services, as installed: their names, keep-alives, methods, failures and ends."""
+
+import os
+import re
+import shutil
+import signal
+import stat
+import subprocess
+
+import pytest
+from harness import clock, processes, staging
+from harness.bus import ADDRESS, WATCHDOG
+from harness.gateway import RUN, UP
+
+ACTIVE = "[  \033[32m+\033[0m  ]  Service {} is \033[32mactive\033[0m, pid is {}\n"
+GRACE = 30
+
+# In the order of the example catalogue.
+SERVICES = ["device-registry", "sensor-hub.py", "clock-watch", "modem-watch.sh", "display.sh", "housekeeping.sh"]
+MONITORED = SERVICES[:-1]
+DEVICES = ("iot.gateway.devices", "/iot/gateway/devices", "iot.gateway.devices")
+SENSORS = ("iot.gateway.sensors", "/iot/gateway/sensors", "iot.gateway.sensors")
+NAMED = {DEVICES[0]: "device-registry", SENSORS[0]: "sensor-hub.py"}
+FEEDS = {DEVICES[0]: ("registry", 15), SENSORS[0]: ("sensors", 10)}  # item and seconds of each
+STATES = {"clock-watch": r"steps \d+\nlast_ms -?\d+\n", "modem-watch": r"(online|offline)\n",
+          "display": r"temperature -?\d+\.\d C\n", "housekeeping": r"load [\d.]+\nused \d+%\n"}
+
+
+@pytest.fixture
+def installed(gateway):
+    """The gateway as an installation puts it in place, and nothing of the tests' own."""
+    for directory in ("bin", "config"):
+        shutil.rmtree(gateway.path(directory))
+    for component in ("daemon", "gateway"):
+        subprocess.run(["cmake", "--install", staging.build_directory(), "--component", component, "--prefix",
+                        gateway.root], check=True, stdout=subprocess.DEVNULL)
+    return gateway
+
+
+def pids(gateway):
+    """The process of each service."""
+    return {name: gateway.pid_of(name) for name in SERVICES}
+
+
+def report_of(running):
+    """The report while all of these run."""
+    return "".join(ACTIVE.format(name, running[name]) for name in MONITORED)
+
+
+def state(name):
+    """What a service has written down."""
+    try:
+        with open(f"{RUN}/{name}/state", encoding="utf-8") as file:
+            return file.read()
+    except FileNotFoundError:
+        return ""
+
+
+def feeds(monitor):
+    """The keep-alives that a monitor has shown: bus name, item, seconds."""
+    found = re.findall(r'Member=feedDog\n.*\n  MESSAGE "ssi" \{\n +STRING "(.*)";\n +STRING "(.*)";\n +INT32 (-?\d+);',
+                       str(monitor.stdout))
+    return [(name, item, int(seconds)) for name, item, seconds in found]
+
+
+def watch_feeds():
+    """Start a monitor of the keep-alives, and wait until it listens."""
+    monitor = processes.spawn(["/usr/bin/busctl", f"--address={ADDRESS}", "monitor", WATCHDOG[0]])
+    clock.until(lambda: "Monitoring bus message stream." in str(monitor.stderr), 10, lambda: str(monitor.stderr))
+    return monitor
+
+
+def test_the_launcher_brings_up_every_service_of_the_example_catalogue_in_its_order(installed):
+    launcher = installed.launch()
+    daemon = installed.daemon_of(launcher)
+    assert launcher.wait(20) == 0
+    steps = ["initialize the running environment", "running dbus daemon",
+             *[f"running {name} service" for name in SERVICES], "start up completed"]
+    assert str(launcher.stdout) == "".join(f"quorvaned: {step}\n" for step in steps)
+    installed.log.wait_for(UP)
+    running = pids(installed)
+    answer = installed.status()
+    assert answer.status == 0
+    assert str(answer.stdout).endswith("\n\n" + report_of(running) + "\n")
+    assert all(processes.alive(pid) for pid in running.values())
+    assert {name: processes.status_field(pid, "PPid") for name, pid in running.items()} \
+        == dict.fromkeys(SERVICES, str(daemon.pid))
+
+
+def test_the_services_take_their_names_before_the_next_one_is_started(installed):
+    installed.up()
+    client = installed.bus()
+    assert {name: client.pid_of(name) for name in NAMED} == {name: installed.pid_of(exec_name)
+                                                            for name, exec_name in NAMED.items()}
+    for exec_name, after in (("device-registry", "sensor-hub.py"), ("sensor-hub.py", "clock-watch")):
+        lines = installed.log.sequence(f"run {exec_name} pid %d", f"running {after} service")
+        assert lines[1] - lines[0] < 5  # it was not sat out
+
+
+@pytest.mark.takes(10)
+def test_the_services_write_their_state_where_others_may_read_but_not_write(installed):
+    # With no umask at all, as in the background.
+    installed.up(umask=0)
+    for name, pattern in STATES.items():
+        clock.until(lambda name=name, pattern=pattern: re.fullmatch(pattern, state(name)), 15,
+                    lambda name=name: f"the state of {name}: {state(name)!r}")
+        assert stat.S_IMODE(os.stat(f"{RUN}/{name}/state").st_mode) == 0o644
+        assert stat.S_IMODE(os.stat(f"{RUN}/{name}").st_mode) == 0o755
+
+
+@pytest.mark.takes(16)
+def test_the_named_services_feed_their_keepalive_well_before_each_deadline(installed):
+    installed.up()
+    monitor = watch_feeds()
+    shown = {name: (name, *FEEDS[name]) for name in FEEDS}
+    for name, feed in shown.items():
+        # Twice within one deadline.
+        clock.until(lambda feed=feed: feeds(monitor).count(feed) >= 2, feed[2], lambda: str(feeds(monitor)))
+    assert set(feeds(monitor)) == set(shown.values())
+    assert installed.status().status == 0
+
+
+def test_the_device_registry_keeps_its_list_and_its_limit(installed):
+    installed.up()
+    client = installed.bus()
+    assert list(client.call(DEVICES, "list")) == []
+    assert [bool(client.call(DEVICES, member, "s", "b")) for member in ("add", "add", "remove", "remove")] \
+        == [True, False, True, False]
+    for number in range(256):
+        assert client.call(DEVICES, "add", "s", f"device{number:03}")
+    assert not client.call(DEVICES, "add", "s", "one too many")
+    assert [str(name) for name in client.call(DEVICES, "list")] == [f"device{number:03}" for number in range(256)]
+    assert client.error(DEVICES, "add") == "org.freedesktop.DBus.Error.InvalidArgs"
+    assert client.error(DEVICES, "add", "i", 5) == "org.freedesktop.DBus.Error.InvalidArgs"
+    assert client.error(DEVICES, "nothing") == "org.freedesktop.DBus.Error.UnknownMethod"
+    assert client.pid_of(DEVICES[0]) == installed.pid_of("device-registry")
+
+
+def test_ordinary_tools_work_on_the_services(installed):
+    installed.up()
+    busctl = ["/usr/bin/busctl", f"--address={ADDRESS}"]
+    for target, rows in ((DEVICES, {".add method s b -", ".remove method s b -", ".list method - as -"}),
+                         (SENSORS, {".read method - d -", ".crash method - - -", ".fall_silent method - - -",
+                                    ".reading signal d - -"})):
+        shown = processes.run([*busctl, "introspect", "--no-legend", target[0], target[1], target[2]])
+        assert shown.status == 0, str(shown.stderr)
+        assert {" ".join(line.split()) for line in str(shown.stdout).splitlines()} == rows
+    assert re.fullmatch(r"d -?[\d.]+\n", str(processes.run([*busctl, "call", *SENSORS, "read"]).stdout))
+    shown = processes.spawn(["/usr/bin/gdbus", "monitor", "--address", ADDRESS, "--dest", SENSORS[0]])
+    clock.until(lambda: re.search(r"^/iot/gateway/sensors: iot\.gateway\.sensors\.reading \(-?[\d.]+,\)$",
+                                  str(shown.stdout), re.MULTILINE), 10, lambda: str(shown.stdout))
+
+
+@pytest.mark.takes(9)
+def test_every_service_ends_with_status_0_when_it_is_told_to(installed):
+    installed.up()
+    running = pids(installed)
+    client = installed.bus()
+    for pid in running.values():
+        os.kill(pid, signal.SIGTERM)
+    for name, pid in running.items():
+        # The shell services finish the command that they wait for, at most.
+        installed.log.wait_for(f"wait pid({pid}) status(0)", 4)
+        installed.log.wait_for(f"process_exit, service({name}) is abnormal")
+    assert {name: client.owner(name) for name in NAMED} == dict.fromkeys(NAMED, "")
+    assert client.report().count("inactive") == len(MONITORED)
+
+
+@pytest.mark.takes(14)
+def test_when_the_stack_is_restarted_every_service_ends_well_and_comes_back(installed):
+    daemon = installed.up()
+    up = installed.log.find(UP)[0]
+    old = pids(installed)
+    installed.bus().reboot()
+    installed.log.wait_for(UP, 20, after=up)
+    for name, pid in old.items():
+        installed.log.wait_for(f"wait pid({pid}) status(0)", 4)
+        assert installed.pid_of(name) != pid
+    assert installed.bus().report() == report_of(pids(installed))
+    assert {name: installed.bus().pid_of(name) for name in NAMED} == {name: installed.pid_of(exec_name)
+                                                                     for name, exec_name in NAMED.items()}
+    assert daemon.alive()
+
+
+@pytest.mark.takes(45)
+@pytest.mark.limit(120)
+def test_services_that_crash_when_they_are_told_to_come_back_after_the_grace(installed):
+    installed.up()
+    old = pids(installed)
+    client = installed.bus()
+    assert client.error(SENSORS, "crash") == "org.freedesktop.DBus.Error.NoReply"
+    os.kill(old["modem-watch.sh"], signal.SIGUSR1)
+    # Housekeeping is not monitored: it stays away.
+    os.kill(old["housekeeping.sh"], signal.SIGKILL)
+    for name in ("sensor-hub.py", "modem-watch.sh"):
+        line = installed.log.wait_for(f"wait pid({old[name]}) status(%d)")
+        assert os.WTERMSIG(line.values[0]) == signal.SIGABRT
+        installed.log.wait_for(f"process_exit, service({name}) is abnormal")
+        assert f"Service {name} is \033[0;31minactive\033[0m\n" in client.report()
+    assert client.owner(SENSORS[0]) == ""
+    for name in ("sensor-hub.py", "modem-watch.sh"):
+        again = installed.log.wait_for(f"run {name} pid %d", GRACE + 10, count=2)
+        assert again - installed.log.find(f"run {name} pid %d")[0] >= GRACE
+        assert installed.log.has(f"threadProc, service({name}) status(1) is abnormal")
+    clock.until(lambda: client.owner(SENSORS[0]) and client.pid_of(SENSORS[0]) == installed.pid_of("sensor-hub.py"), 10,
+                "the name of the new process")
+    monitor = watch_feeds()
+    clock.until(lambda: (SENSORS[0], *FEEDS[SENSORS[0]]) in feeds(monitor), 10, lambda: str(feeds(monitor)))
+    assert client.report() == report_of(pids(installed))
+    assert installed.log.count("run housekeeping.sh pid %d") == 1
+    for name in ("device-registry", "clock-watch", "display.sh"):
+        assert installed.pid_of(name) == old[name]
+
+
+@pytest.mark.takes(50)
+@pytest.mark.limit(120)
+def test_services_that_fall_silent_or_are_stuck_are_replaced(installed):
+    installed.up()
+    old = pids(installed)
+    client = installed.bus()
+    monitor = watch_feeds()
+    client.call(SENSORS, "fall_silent")
+    os.kill(old["device-registry"], signal.SIGSTOP)
+    before = feeds(monitor).count((SENSORS[0], *FEEDS[SENSORS[0]]))
+    for name in ("device-registry", "sensor-hub.py"):
+        again = installed.log.wait_for(f"run {name} pid %d", GRACE + 15, count=2)
+        assert again - installed.log.find(f"run {name} pid %d")[0] >= GRACE
+        installed.log.sequence(f"threadProc, service({name}) status(0) is abnormal", f"kill -15 {name}({old[name]})",
+                               f"run {name} pid {again.values[0]}")
+    # It lived and answered all the time, but did not feed.
+    installed.log.wait_for(f"wait pid({old['sensor-hub.py']}) status(0)")
+    clock.until(lambda: client.owner(SENSORS[0]) and client.pid_of(SENSORS[0]) == installed.pid_of("sensor-hub.py"), 10,
+                "the name of the new process")
+    clock.until(lambda: feeds(monitor).count((SENSORS[0], *FEEDS[SENSORS[0]])) > before, 10, "keep-alives again")
+    # The new process waits for the name that the stuck one holds, and gets it when that one comes to.
+    assert client.pid_of(DEVICES[0]) == old["device-registry"]
+    os.kill(old["device-registry"], signal.SIGCONT)
+    installed.log.wait_for(f"wait pid({old['device-registry']}) status(0)", 5)
+    clock.until(lambda: client.owner(DEVICES[0]) and client.pid_of(DEVICES[0]) == installed.pid_of("device-registry"), 5,
+                "the name of the new process")
+    assert list(client.call(DEVICES, "list")) == []
+    assert client.report() == report_of(pids(installed))
