@@ -1,5 +1,7 @@
 #include "catalogue.h"
 
+#include <memory>
+
 #include "platform/json_opr.h"
 
 namespace Tessaro::Iot::Component {

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <istream>
-#include <memory>
 #include <vector>
 
 #include "service_record.h"

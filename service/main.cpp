@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <ucontext.h>
 #include <unistd.h>
 
@@ -125,7 +124,7 @@ void hold_back(int32_t number, void* context) noexcept {
 void act_on(int32_t number) noexcept {
   write_caught_line(number);
   CStartup* const controller = startup.load();
-  if (controller == nullptr) ::_exit(0);  // a fault before there is anything to stop
+  if (controller == nullptr) ::_exit(exit_failure);  // a fault before there is anything to stop
   switch (action_of(number)) {
     case Action::finish_upgrade:
       controller->finish_upgrade();
@@ -149,9 +148,6 @@ void fatal_signal_handler(int32_t number, siginfo_t* info, void* context) noexce
     hold_back(number, context);
   } else {
     if (!SignalWindow::inside()) arm_backstop();
-    // The shutdown is entered at a wait; until it waits itself no other signal may enter on top of it.
-    const sigset_t held_back = held_back_signals();
-    (void)::pthread_sigmask(SIG_BLOCK, &held_back, nullptr);
     act_on(number);
   }
   errno = saved_errno;
@@ -167,13 +163,16 @@ void install_signal_handlers() noexcept {
   for (const HandledSignal& handled : handled_signals) {
     struct sigaction action {};
     action.sa_sigaction = fatal_signal_handler;
-    (void)::sigemptyset(&action.sa_mask);
+    // Of several that are pending at once only one may enter: it does not return, and what the kernel had put below it
+    // would never run. The others stay pending until the shutdown waits itself.
+    action.sa_mask = held_back_signals();
     const bool can_be_fault = handled.number == SIGSEGV || handled.number == SIGILL;
     action.sa_flags = SA_SIGINFO | (can_be_fault ? SA_ONSTACK : 0);
     (void)::sigaction(handled.number, &action, nullptr);  // none of them can be refused
   }
   for (const int32_t number : ignored_signals) (void)::signal(number, SIG_IGN);
-  (void)::signal(SIGALRM, SIG_DFL);  // the backstop's
+  (void)::alarm(0);  // an alarm outlives a re-execution
+  (void)::signal(SIGALRM, SIG_DFL);
 }
 
 // A starter may have closed the standard descriptors; the first pipes and sockets would take their numbers.
@@ -255,12 +254,19 @@ void daemonize(const sigset_t& starter_mask) {
 
 enum class StopMode { everything, except_remote_debug };
 
+// Signals a process that was found by its name, if its number still means that program.
+void signal_program(int32_t pid, const std::string& name, int32_t signal_number) {
+  const UniqueFd process = open_program(pid, name);
+  if (process.valid()) (void)sys::signal_open_process(process.get(), signal_number);  // it may end meanwhile
+}
+
 void kill_programs(const std::string& name) {
   std::vector<int32_t> pids;
   (void)find_processes_by_name(name, pids);  // an unreadable /proc shows nobody
   for (const int32_t pid : pids) {
+    if (pid == ::getpid()) continue;
     STARTUP_LOG("kill -%d %s(%d)", SIGKILL, name.c_str(), pid);
-    (void)sys::send_signal(pid, SIGKILL);  // gone meanwhile: so much the better
+    signal_program(pid, name, SIGKILL);
   }
 }
 
@@ -276,7 +282,7 @@ bool signal_daemons(int32_t signal_number) {
   for (const int32_t pid : pids) {
     if (pid < 1 || pid == ::getpid()) continue;
     STARTUP_LOG("stop, kill -%d %d", signal_number, pid);
-    (void)sys::send_signal(pid, signal_number);  // gone meanwhile: so much the better
+    signal_program(pid, "quorvaned", signal_number);
     found = true;
   }
   return found;

@@ -30,16 +30,28 @@ int32_t read_pid(int32_t fd) noexcept {
   return ::pread(fd, text, longest_pid_text, 0) > 0 ? Text::leading_number(text) : -1;
 }
 
-// The pid that the holder of the refused lock has written, or -1. Between its lock and its write the file still shows
-// nothing or an old number, so the text counts only once it names the process that the kernel says holds the lock.
+// The pid that the holder of the refused lock has written, -1 when it does not, 0 when the holder has let go meanwhile.
+// Between its lock and its write the file still shows nothing or an old number, so the text counts only once it names
+// the process that the kernel says holds the lock.
 int32_t read_owner(int32_t fd) {
   for (int32_t reread = 0; reread < owner_rereads; ++reread) {
     struct flock lock = whole_file_lock();
     const int32_t pid = read_pid(fd);
-    if (pid >= 1 && ::fcntl(fd, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK && lock.l_pid == pid) return pid;
+    if (::fcntl(fd, F_GETLK, &lock) != 0) return -1;
+    if (lock.l_type == F_UNLCK) return 0;
+    if (pid >= 1 && lock.l_pid == pid) return pid;
     CThread::sleep(owner_reread_ms);
   }
   return -1;
+}
+
+// Takes the lock, or tells who has it: 0 when it was taken, else the owner's pid or -1.
+int32_t take_or_read_owner(int32_t fd) {
+  while (try_lock_file(fd) != 0) {
+    const int32_t owner = read_owner(fd);
+    if (owner != 0) return owner;
+  }
+  return 0;
 }
 
 // A descriptor of the file at `path` that a previous image of this process left open to keep the lock over the
@@ -78,15 +90,16 @@ int32_t lock_pid_file(const std::string& path) {
   if (fd < 0) fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW, pid_file_mode);
   if (fd < 0) return -1;
   UniqueFd owned(fd);
-  if (try_lock_file(fd) != 0) return read_owner(fd);
-  write_own_pid(owned.release());  // left open on purpose
-  return 0;
+  const int32_t owner = take_or_read_owner(fd);
+  if (owner == 0) write_own_pid(owned.release());  // left open on purpose
+  return owner;
 }
 
 int32_t read_locked_pid(const std::string& path) {
   UniqueFd fd(::open(path.c_str(), O_RDWR | O_CLOEXEC));
   if (!fd.valid()) return -1;
-  if (try_lock_file(fd.get()) != 0) return read_owner(fd.get());
+  const int32_t owner = take_or_read_owner(fd.get());
+  if (owner != 0) return owner;
   (void)fd.release();  // left open on purpose: kept as it always was
   return -1;
 }

@@ -13,12 +13,13 @@ namespace Tessaro::Iot::Component {
 
 // Takes the pid file at `path`, creating it with mode 0644, and writes the own pid.
 // Returns 0 when this process owns it now; the owner's pid (1 or more) when another live process holds it; -1 when it
-// cannot be opened, or is held by a process that has not written its pid.
+// cannot be opened, or is held by a process that does not write its pid within about 200 ms.
 // Ownership: the descriptor stays open for the life of the process, over a re-execution too.
 // Context: main thread.
 [[nodiscard]] int32_t lock_pid_file(const std::string& path);
 
-// The pid of the process that holds the file at `path`, or -1 when there is none. It creates and writes nothing.
+// The pid of the process that holds the file at `path`, or -1 when there is none, or when it does not write its pid
+// within about 200 ms. It creates and writes nothing.
 // Ownership: when nobody holds the file, the lock is taken and kept until the process ends.
 // Context: main thread of a command.
 [[nodiscard]] int32_t read_locked_pid(const std::string& path);

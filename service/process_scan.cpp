@@ -5,6 +5,7 @@
 #include "install_root.h"
 #include "platform/dir.h"
 #include "platform/file.h"
+#include "platform/sys/process.h"
 #include "platform/text.h"
 
 namespace Tessaro::Iot::Component {
@@ -15,40 +16,52 @@ bool is_number(std::string_view name) noexcept {
   return !name.empty() && name.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
-// True when the process at `entry` runs the program `name` of the installation at `root`.
-bool runs_program(const std::string& entry, std::string_view name, const std::string& root) {
+// What the processes of a scan are held against.
+struct Wanted {
+  explicit Wanted(const std::string& program) : name(Text::base_name(program)) {
+    if (root.back() != '/') root += '/';  // "/opt/gateway2" is not below "/opt/gateway"
+  }
+  std::string name;
+  std::string root = get_install_root();
+  std::string mount_namespace = get_mount_namespace();
+};
+
+// True when the process whose directory is `entry` runs the wanted program of this installation.
+bool is_wanted(const std::string& entry, const Wanted& wanted) {
   std::string executable = CFile::link_target(entry + "/exe");
-  if (executable.empty() || executable.compare(0, root.size(), root) != 0) return false;
+  if (!executable.starts_with(wanted.root)) return false;
   // The kernel marks the link of a deleted or replaced executable with a word after a blank.
   const size_t blank = executable.rfind(' ');
   if (blank != std::string::npos) executable.resize(blank);
-  return Text::base_name(executable) == name;
-}
-
-bool is_elsewhere(const std::string& entry, const std::string& mount_namespace) {
-  const std::string other = CFile::link_target(entry + "/ns/mnt");
-  return !other.empty() && other != mount_namespace;
+  if (Text::base_name(executable) != wanted.name) return false;
+  const std::string mount_namespace = CFile::link_target(entry + "/ns/mnt");
+  return mount_namespace.empty() || mount_namespace == wanted.mount_namespace;
 }
 
 }  // namespace
 
 bool find_processes_by_name(const std::string& name, std::vector<int32_t>& pids) {
-  const std::string_view wanted = Text::base_name(name);
-  const std::string root = get_install_root();
-  const std::string mount_namespace = get_mount_namespace();
+  const Wanted wanted(name);
   CDir processes;
   if (!processes.open("/proc/")) return false;
   std::string number;
   while (processes.getNextFile(number)) {
     if (!is_number(number)) continue;
     const std::string entry = "/proc/" + number;
-    if (!CDir::isDir(entry) || !runs_program(entry, wanted, root) || is_elsewhere(entry, mount_namespace)) continue;
+    if (!CDir::isDir(entry) || !is_wanted(entry, wanted)) continue;
     std::string stat_line;
     if (!CFile::read(entry + "/stat", stat_line)) continue;
-    const size_t blank = stat_line.substr(0, stat_line.find('\n')).find(' ');
-    if (blank != std::string::npos) pids.push_back(Text::leading_number(stat_line));
+    if (stat_line.substr(0, stat_line.find('\n')).find(' ') == std::string::npos) continue;
+    pids.push_back(Text::leading_number(stat_line));
   }
   return true;
+}
+
+UniqueFd open_program(int32_t pid, const std::string& name) {
+  UniqueFd process(sys::open_process(pid));
+  // Looked at only now: the handle keeps meaning this process, whatever becomes of the number.
+  if (process.valid() && !is_wanted("/proc/" + std::to_string(pid), Wanted(name))) process.reset();
+  return process;
 }
 
 }  // namespace Tessaro::Iot::Component

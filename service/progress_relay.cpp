@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <string_view>
 
 namespace Tessaro::Iot::Quorvaned {
@@ -15,6 +16,7 @@ constexpr std::string_view completed = "quorvaned: start up completed\n";
 void write_all(int32_t fd, std::string_view text) noexcept {
   while (!text.empty()) {
     const ssize_t written = ::write(fd, text.data(), text.size());
+    if (written < 0 && errno == EINTR) continue;
     if (written <= 0) return;  // nobody reads any more; the daemon goes on without
     text.remove_prefix(static_cast<size_t>(written));
   }

@@ -84,6 +84,7 @@ void CServiceControl::stop_service(ServiceRecord* record, bool force) {
   }
   const std::lock_guard guard(record->lock);
   CProcessHost::instance().forget(record->process);
+  record->status = status_stopped;  // again: its death may have been noticed meanwhile
   record->process = ProcessRef{};
   record->pid = 0;
 }
@@ -97,6 +98,7 @@ ProcessRef CServiceControl::start_process(ServiceRecord* record, const CSpawnPla
     {
       const std::lock_guard guard(record->lock);
       CProcessHost::instance().forget(record->process);
+      record->status = status_started;  // again: an earlier process may have ended since start_service stored it
       record->process = process;
       record->pid = process.pid;
     }
@@ -137,7 +139,8 @@ int32_t CServiceControl::start_dbus_daemon(ServiceRecord* record) {
     STARTUP_LOG("start dbus-daemon, kill -%d %d", SIGTERM, earlier.pid);
     (void)CProcessHost::instance().signal(earlier, SIGTERM);  // gone already: so much the better
   }
-  // Any local user could have prepared the path below /tmp. Whatever goes wrong here shows when the channels connect.
+  // Any local user could have prepared the path below /tmp. An ordinary user may be unable to move it aside: then the
+  // bus does not come up, or is refused as another user's when the channels connect.
   (void)CDir::make_trusted(Paths::bus_directory_base, Paths::bus_directory, bus_directory_mode);
   if (CFile::isFile(Paths::bus_pid_file)) (void)CFile::remove(Paths::bus_pid_file);
   // A bus daemon that still listens here belongs to an earlier image of this process; the services would find the new

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <map>
+#include <mutex>
 #include <string>
 
 #include "platform/function.h"
@@ -43,14 +44,14 @@ class CServiceControl {
   // The common stop. Returns the pid when it is less than 2 and nothing was done, else the result of the signal.
   int32_t kill_service(ServiceRecord* record, bool force);
 
-  // Waits up to `timeout_ms` for a stop script that stop_service has started, so that the end of the process does not
+  // Waits up to `timeout_ms` for the last stop script that stop_service has started, so that the end of the process does not
   // kill it before it did anything.
   // Context: the main thread's forced exit.
   void wait_for_stop_script(int64_t timeout_ms);
 
  private:
   using StartHandler = TFunction1<int32_t, ServiceRecord*>;
-  using StopHandler = std::function<void(ServiceRecord*, bool)>;
+  using StopHandler = TFunction2<void, ServiceRecord*, bool>;
 
   int32_t start_dbus_daemon(ServiceRecord* record);
   int32_t start_ngnix_service(ServiceRecord* record);

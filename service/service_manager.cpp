@@ -15,6 +15,7 @@
 #include "platform/dir.h"
 #include "platform/log.h"
 #include "platform/sys/process.h"
+#include "platform/text.h"
 #include "platform/time.h"
 #include "process_scan.h"
 #include "startup_log.h"
@@ -70,7 +71,9 @@ CServiceManager::~CServiceManager() {
 
 bool CServiceManager::still_running() const { return !is_running || is_running(); }
 
-void CServiceManager::print_progress(const std::string& text) {
+void CServiceManager::print_progress(const std::string& progress) {
+  std::string text = progress;
+  Text::hide_control_characters(text.data(), text.size());  // a name cannot forge a line on the terminal
   const int32_t fd = progress_fd.load();
   if (fd > 0) {
     (void)!::write(fd, text.data(), text.size());  // the launcher may have left
@@ -251,36 +254,36 @@ void CServiceManager::process_exit(int32_t pid) {
       ended = record->process;
     }
     if (record->exec == "startSC.sh") return;
-    if (record->exec == remote_terminal && adopt_remote_terminal(record)) return;
-    STARTUP_LOG("process_exit, service(%s) is abnormal", record->exec.c_str());
+    if (record->exec == remote_terminal && adopt_remote_terminal(record, ended)) return;
+    mark_abnormal(record, ended);
+    return;
+  }
+}
+
+void CServiceManager::mark_abnormal(ServiceRecord* record, ProcessRef ended) {
+  {
     const std::lock_guard guard(record->lock);
     if (record->process != ended) return;  // the monitor or a teardown has stopped it meanwhile
     CProcessHost::instance().forget(record->process);
     record->process = ProcessRef{};
     record->pid = 0;
     record->status = status_abnormal;
-    return;
   }
+  STARTUP_LOG("process_exit, service(%s) is abnormal", record->exec.c_str());
 }
 
-// Looks for another running remote terminal and makes it the record's process.
-bool CServiceManager::adopt_remote_terminal(ServiceRecord* record) {
+// Looks for another running remote terminal and makes it the record's process. Returns false when there is none.
+bool CServiceManager::adopt_remote_terminal(ServiceRecord* record, ProcessRef ended) {
   std::vector<int32_t> pids;
   if (!find_processes_by_name(remote_terminal, pids)) return false;
   for (const int32_t pid : pids) {
-    const ProcessRef process = CProcessHost::instance().adopt(pid);
-    // Between the scan and the adoption the number may have passed to a stranger: it has to be found once more.
-    std::vector<int32_t> again;
-    const bool still_there = process.serial != 0 && find_processes_by_name(remote_terminal, again) &&
-                             std::find(again.begin(), again.end(), pid) != again.end();
-    if (!still_there) {
-      CProcessHost::instance().forget(process);
-      continue;
-    }
+    UniqueFd handle = open_program(pid, remote_terminal);
+    if (!handle.valid()) continue;  // ended since it was found
     {
       const std::lock_guard guard(record->lock);
+      if (record->process != ended) return true;  // the monitor or a teardown has stopped it meanwhile
       CProcessHost::instance().forget(record->process);
-      record->process = process;
+      record->process = CProcessHost::instance().adopt(pid, std::move(handle));
       record->pid = pid;
     }
     // It says "old pid" and shows the new one: kept as it is, tools match on it.

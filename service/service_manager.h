@@ -6,7 +6,8 @@
 //   started (0)   --process_exit-->   abnormal (1)     main thread          "process_exit, service(%s) is abnormal"
 //   abnormal (1), or started with an expired keep-alive, once 30 s have passed since the start:
 //                 --stop, start-->    started (0)      monitor thread       "threadProc, service(%s) status(%d) is ..."
-//   any           --stop_service-->   stopped (-1)     controller thread    "kill -%d %s(%d)"
+//   any           --stop_service-->   stopped (-1)     controller, monitor, "kill -%d %s(%d)"
+//                                                      forced exit
 //
 // The manager's life: init_environment once; then in each cycle of the controller run_dbus_daemon, run_services,
 // start_monitor, ..., stop_monitor, stop_services, stop_dbus_daemon. The table's shape is fixed once it is loaded; the
@@ -31,7 +32,7 @@ class CDBusChannel;
 class CServiceManager : public CThread {
  public:
   // `watchdog_channel` is handed on to service control. `progress_fd` receives the progress lines while it is greater
-  // than 0 and is owned from here on. `is_running` ends every loop of the manager when it returns false; an empty one
+  // than 0, and is closed by start_monitor. `is_running` ends every loop of the manager when it returns false; an empty one
   // counts as true. `config_agent` is not owned. The thread is not started here.
   // Context: main thread.
   CServiceManager(CDBusChannel* watchdog_channel, int32_t progress_fd, TFunction0<bool> is_running,
@@ -43,7 +44,7 @@ class CServiceManager : public CThread {
   // Context: main thread, before the controller's thread exists.
   [[nodiscard]] int32_t init_environment();
 
-  // Reads "../config/services.json" into the table, once: an unchanged table is kept.
+  // Reads "../config/services.json" into the table, once: a table that is not empty is kept.
   // Returns 1 when the table holds the catalogue, 0 when it could not be read.
   // Context: main thread.
   [[nodiscard]] int32_t load_services();
@@ -99,7 +100,7 @@ class CServiceManager : public CThread {
 
   // Sends a progress line to the launcher, while it listens, and to the start-up log.
   // Context: main thread, controller thread.
-  void print_progress(const std::string& text);
+  void print_progress(const std::string& progress);
 
  protected:
   // The monitor: every second each supervised service that is abnormal or silent is stopped and started again.
@@ -113,7 +114,8 @@ class CServiceManager : public CThread {
   void replace_old_instance();
   void init_key_chain();
   ServiceRecord* find_by_bus_name(const std::string& dbus_name);
-  bool adopt_remote_terminal(ServiceRecord* record);
+  void mark_abnormal(ServiceRecord* record, ProcessRef ended);
+  bool adopt_remote_terminal(ServiceRecord* record, ProcessRef ended);
 
   std::atomic<int32_t> progress_fd;
   ServiceTable services;

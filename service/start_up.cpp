@@ -66,7 +66,9 @@ CStartup::CStartup(int32_t progress_fd, const ServiceArguments& arguments)
       upgrade_path(install_root + "/bin/quorvaned"),
       pending{{arguments[0], arguments[1], arguments[2]},
               {arguments[3], arguments[4], arguments[5]},
-              {arguments[6], arguments[7], arguments[8]}},
+              {arguments[6], arguments[7], arguments[8]},
+              0,
+              false},
       watchdog_channel(
           std::make_unique<CDBusChannel>(Paths::bus_address, watchdog_name, watchdog_path,
                                          std::vector<std::string>{"type='signal',sender='org.freedesktop.DBus'"})),
@@ -218,6 +220,7 @@ void CStartup::stop(uint32_t keep_remote) {
   if (upgrading) end_process(0);
   keep_remote_debug = keep_remote;
   exit_requested = true;
+  if (upgrading) keep_remote_debug = 1;  // requested just now: its teardown may still run before the end
   cancelThread();
   interrupt_cycle();
   if (stopping.exchange(true)) return;  // a second signal in the first one's wait: that one ends the process
@@ -231,6 +234,7 @@ void CStartup::stop(uint32_t keep_remote) {
 
 void CStartup::finish_upgrade() {
   STARTUP_LOG("finsh upgrade quorvane!");
+  log_flush();
   (void)::execl(upgrade_path.c_str(), upgrade_path.c_str(), "--nofork", static_cast<char*>(nullptr));
   end_process(0);
 }
@@ -304,6 +308,7 @@ void CStartup::gateway_tripe_change_member_handler(CDBusRequest& request, CDBusR
       {
         const std::lock_guard guard(pending_lock);
         pending.identity = identity;
+        ++pending.generation;
       }
       request_restart();
     }
@@ -325,8 +330,8 @@ void CStartup::reboot_member_handler(CDBusRequest& /*request*/, CDBusResponse& /
 }
 
 void CStartup::request_restart() {
-  keep_remote_debug = 0;
-  if (upgrading) keep_remote_debug = 1;  // an upgrade's teardown keeps it, whoever asks for a restart meanwhile
+  // An upgrade's teardown keeps it, whoever asks for a restart meanwhile. One store, since that teardown may be reading.
+  keep_remote_debug = upgrading ? 1 : 0;
   interrupt_cycle();
 }
 
@@ -351,8 +356,9 @@ bool CStartup::read_current(const char* key, std::string& value) {
   return false;
 }
 
-// Returns false when the current identity could not be read: everything stays pending then.
-bool CStartup::sync_identity_group(const Group& wanted) {
+// Returns false when the current identity could not be read, or the calls may have been cut short by a teardown:
+// everything stays pending then. `unfinished`: it was cut short before, and what is stored may be half of it.
+bool CStartup::sync_identity_group(const Group& wanted, bool unfinished) {
   std::string product_key;
   std::string device_name;
   if (!read_current("gw_system_productkey", product_key) || !read_current("gw_system_devicename", device_name)) {
@@ -361,10 +367,15 @@ bool CStartup::sync_identity_group(const Group& wanted) {
   STARTUP_LOG("check current gw_system_productkey=%s gw_system_devicename=%s", product_key.c_str(),
               device_name.c_str());
   // The secret is deliberately not compared.
-  if (product_key == wanted[0] && device_name == wanted[1]) return true;
+  if (!unfinished && product_key == wanted[0] && device_name == wanted[1]) return true;
+  {
+    const std::lock_guard guard(pending_lock);
+    pending.unfinished = true;
+  }
   if (!product_key.empty() && !device_name.empty()) {
     STARTUP_LOG("reset config-manager");
     (void)config_agent->reset_config(config_long_timeout_ms);  // not examined: the new identity is written anyhow
+    if (!is_running()) return false;
     STARTUP_LOG("clean business runtime data");
     clean_runtime_data();
   }
@@ -373,7 +384,7 @@ bool CStartup::sync_identity_group(const Group& wanted) {
   (void)config_agent->set_config("gw_system_devicename", wanted[1], config_timeout_ms, false);
   (void)config_agent->set_config("gw_system_devicesecret", wanted[2], config_timeout_ms, true);
   (void)config_agent->flush_config(config_long_timeout_ms);
-  return true;
+  return is_running();
 }
 
 void CStartup::sync_gateway_identity() {
@@ -382,7 +393,7 @@ void CStartup::sync_gateway_identity() {
     const std::lock_guard guard(pending_lock);
     wanted = pending;
   }
-  if (is_complete(wanted.identity) && !sync_identity_group(wanted.identity)) return;
+  if (is_complete(wanted.identity) && !sync_identity_group(wanted.identity, wanted.unfinished)) return;
   if (is_complete(wanted.access_server)) {
     const Group& values = wanted.access_server;
     STARTUP_LOG("set config gw_system_as_host=%s gw_system_as_port=%s gw_system_ver_ca=%s", values[0].c_str(),
@@ -399,11 +410,14 @@ void CStartup::sync_gateway_identity() {
     (void)config_agent->set_config("gw_remoteaccess_cloud_port", values[1], config_timeout_ms, false);
     (void)config_agent->set_config("gw_remoteaccess_tls_type", values[2], config_timeout_ms, false);
   }
-  // Only what was applied: an identity that arrived meanwhile waits for the next appearance of the service.
+  // A teardown ends the calls that wait, in whatever way: what may not have arrived is applied again next time.
+  if (!is_running()) return;
   const std::lock_guard guard(pending_lock);
-  if (pending.identity == wanted.identity) pending.identity = {};
   pending.access_server = {};
   pending.remote_access = {};
+  if (pending.generation != wanted.generation) return;  // another one arrived meanwhile and is still to be applied
+  pending.identity = {};
+  pending.unfinished = false;
 }
 
 void CStartup::sync_ha_switch() {

@@ -64,9 +64,11 @@ class CStartup : public Component::CThread {
   // One group of three strings that are applied together.
   using Group = std::array<std::string, 3>;
   struct Pending {
-    Group identity;       // product_key, device_name, device_secret
-    Group access_server;  // as_host, as_port, ver_ca
-    Group remote_access;  // cloud_host, cloud_port, tls_type
+    Group identity;           // product_key, device_name, device_secret
+    Group access_server;      // as_host, as_port, ver_ca
+    Group remote_access;      // cloud_host, cloud_port, tls_type
+    uint64_t generation = 0;  // counts the identities that were accepted over the bus
+    bool unfinished = false;  // an identity was written in part, or may have been
   };
 
   // Controller thread.
@@ -88,7 +90,7 @@ class CStartup : public Component::CThread {
   void reboot_member_handler(Component::CDBusRequest& request, Component::CDBusResponse& response, bool& later);
   void start_upgrade_member_handler(Component::CDBusRequest& request, Component::CDBusResponse& response, bool& later);
   void sync_gateway_identity();
-  [[nodiscard]] bool sync_identity_group(const Group& wanted);
+  [[nodiscard]] bool sync_identity_group(const Group& wanted, bool unfinished);
   void sync_ha_switch();
   [[nodiscard]] bool read_current(const char* key, std::string& value);
   void request_restart();

@@ -11,9 +11,13 @@ namespace Tessaro::Iot::Component {
 namespace {
 
 constexpr int64_t size_limit = 262144;  // bytes; a log of exactly this size is still appended to
-constexpr mode_t log_mode = 0640;       // it holds the device secret, whatever the umask
+constexpr mode_t mode_bits = 07777;
+constexpr mode_t log_mode = 0640;  // it holds the device secret, whatever the umask
 
-int open_log(int flags) noexcept { return ::open(Paths::startup_log, flags | O_NOFOLLOW | O_CLOEXEC, log_mode); }
+// Not waiting: somebody's pipe in the place of the log must not hold the daemon.
+int open_log(int flags) noexcept {
+  return ::open(Paths::startup_log, flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, log_mode);
+}
 
 }  // namespace
 
@@ -30,7 +34,10 @@ void append_startup_log(std::string_view line) noexcept {
   const int fd = open_log(O_WRONLY | O_APPEND | O_CREAT);
   if (fd < 0) return;
   struct stat status {};
-  if (::fstat(fd, &status) == 0 && status.st_size > size_limit) (void)!::ftruncate(fd, 0);  // else it grows on
+  if (::fstat(fd, &status) == 0) {
+    if ((status.st_mode & mode_bits & ~log_mode) != 0) (void)::fchmod(fd, status.st_mode & log_mode);  // not ours
+    if (status.st_size > size_limit) (void)!::ftruncate(fd, 0);  // else it grows on
+  }
   (void)!::write(fd, line.data(), line.size());  // a full disk drops the line
   (void)::close(fd);
 }

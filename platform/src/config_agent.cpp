@@ -35,7 +35,7 @@ int32_t CConfigAgent::get_config(const std::string& key, std::string& value, int
   if (!request.set_string(key)) return refused;
   CDBusResponse response;
   const int32_t code = code_of(*channel_, request, response, timeout_ms);
-  if (code >= 0) (void)response.get_string(value);  // absent: the key has no value
+  if (code == 0) (void)response.get_string(value);  // absent: the key has no value
   return code;
 }
 

@@ -58,6 +58,16 @@ bool is_trusted(int directory) noexcept {
   return (status.st_mode & S_IWGRP) == 0 || own_group;
 }
 
+// Opens the entry `name` of `parent` to hold it; a link is followed only when it was not planted by a stranger.
+UniqueFd hold(int parent, const std::string& name) {
+  struct stat status {};
+  if (::fstatat(parent, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return UniqueFd();
+  const bool own_link = S_ISLNK(status.st_mode) && (status.st_uid == 0 || status.st_uid == ::geteuid());
+  UniqueFd entry(::openat(parent, name.c_str(), own_link ? hold_directory_flags & ~O_NOFOLLOW : hold_directory_flags));
+  if (!entry.valid() && own_link) errno = ENOTDIR;  // it leads nowhere: in the way like a file
+  return entry;
+}
+
 // The new name cannot be foreseen, so nothing can wait under it.
 bool move_aside(int parent, const std::string& name) {
   uint64_t random = 0;
@@ -73,7 +83,7 @@ UniqueFd enter_trusted(int parent, const std::string& name, mode_t mode) {
   // Whoever may write to a sticky parent may plant the name again and again; he shall not keep us here.
   constexpr int attempts = 16;
   for (int attempt = 0; attempt < attempts; ++attempt) {
-    UniqueFd directory(::openat(parent, name.c_str(), hold_directory_flags));
+    UniqueFd directory = hold(parent, name);
     if (directory.valid() && is_trusted(directory.get())) return directory;
     if (!directory.valid() && errno == ENOENT) {
       if (make_directory(parent, name.c_str(), mode) != 0 && errno != EEXIST) return UniqueFd();
@@ -209,6 +219,7 @@ bool CDir::make_trusted(const std::string& trusted_base, const std::string& path
   if (!trusted_base.ends_with('/') && !below.empty() && below.front() != '/') return false;
   // What was just made would be moved aside as untrusted.
   if ((mode & S_IWOTH) != 0 && (mode & S_ISVTX) == 0) return false;
+  (void)mkdirs(trusted_base, mode);  // failed: it cannot be opened either
   UniqueFd directory(::open(trusted_base.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   for (const std::string& component : split(below)) {
     if (!directory.valid() || component == "..") return false;

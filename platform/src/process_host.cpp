@@ -19,17 +19,12 @@
 // One thread does the first and the last four of these, so they cannot overlap. It forks and lets the starter store the
 // pid before it looks for deaths again, so a death always finds the pid that it belongs to, however fast the child was.
 // It looks for deaths without reaping: while a child is a zombie the kernel keeps its number, so everybody who still
-// reads that number means this child. Only after the owner has cleared the pid does it strike the child from the
+// reads that number means this child. Only after the owner was told, and has cleared the pid if it keeps one, does it strike the child from the
 // table and reap it, in one step under the lock that every sender holds while it looks its target up and signals it. A
 // sender therefore finds the child in the table, and then its number is still taken, or does not find it and sends
 // nothing. The serial tells two children apart that were given the same number one after the other.
 
 namespace Tessaro::Iot::Component {
-
-void CSpawnPlan::add_argument(const std::string& argument) {
-  const size_t end = argument.find('\0');  // what a C string would carry
-  arguments.push_back(argument.substr(0, end).substr(0, max_argument_length));
-}
 
 struct CProcessHost::Request {
   const CSpawnPlan& plan;
@@ -89,8 +84,7 @@ ProcessRef CProcessHost::fork_and_store(const CSpawnPlan& plan, const StartedHan
   return process;
 }
 
-ProcessRef CProcessHost::adopt(int32_t pid) {
-  UniqueFd handle(sys::open_process(pid));
+ProcessRef CProcessHost::adopt(int32_t pid, UniqueFd handle) {
   if (!handle.valid()) return ProcessRef{pid, 0};
   const std::lock_guard lock(mutex_);
   const ProcessRef process{pid, next_serial_++};

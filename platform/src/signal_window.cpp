@@ -37,6 +37,4 @@ int32_t poll(pollfd* fds, nfds_t count, int64_t timeout_ms) noexcept {
 
 bool inside() noexcept { return is_inside != 0; }
 
-bool on_window_thread() noexcept { return has_window != 0; }
-
 }  // namespace Tessaro::Iot::Component::SignalWindow

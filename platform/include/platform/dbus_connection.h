@@ -24,6 +24,7 @@ using DBusConnectionPtr = std::unique_ptr<DBusConnection, DBusConnectionClose>;
 // Opens a private connection to `address` (one "unix:path=..." address), authenticates and says Hello, in at most
 // `timeout_ms` milliseconds altogether. A bus that is stopped, that does not accept or does not answer costs no more
 // than that.
+// A bus that another ordinary user runs is refused, unless the caller is root.
 // Returns the connection, with exit_on_disconnect off, or null.
 // Ownership: the caller closes (dbus_connection_close) and unrefs it.
 // Context: any thread; not a signal handler.

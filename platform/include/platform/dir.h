@@ -35,9 +35,10 @@ class CDir {
   // Context: any thread.
   static bool mkdirs(const std::string& path, mode_t mode);
 
-  // As mkdirs, for a path that any local user may have prepared. Every component below `trusted_base` that is neither
-  // owned by this user or root, or that others may write without the sticky bit, or that is not a directory at all, is
-  // renamed aside and made anew. Returns true when `path` is a trusted directory afterwards.
+  // As mkdirs, for a path that any local user may have prepared. A component below `trusted_base` is trusted when it is
+  // a directory, or a link of this user or root to one, that is owned by this user or root and that others may not
+  // write without the sticky bit. Any other is renamed aside and made anew.
+  // Returns true when `path` is a trusted directory afterwards.
   // Context: any thread.
   static bool make_trusted(const std::string& trusted_base, const std::string& path, mode_t mode);
 

@@ -30,7 +30,7 @@ struct ProcessRef {
 class CProcessHost {
  public:
   using StartedHandler = TFunction1<void, ProcessRef>;
-  using EndedHandler = std::function<void(int32_t pid, int32_t raw_status)>;
+  using EndedHandler = TFunction2<void, int32_t, int32_t>;  // pid and raw status of wait(2)
 
   // The host of this process, created at the first call and never destroyed.
   // Context: any thread.
@@ -50,14 +50,14 @@ class CProcessHost {
   // Starts a child. `on_started` runs on the forking thread, after the fork and before anything is reaped, also after
   // a failed fork; what it stores is therefore stored before the child's death can be noticed.
   // Returns the child, or a reference with pid 0 when the fork failed.
-  // Context: any thread but a dispatch thread's signal handler; the caller waits for the main thread and must hold no
-  // lock that `on_started`, or the handler of `serve`, takes.
+  // Context: any thread; the signal handler on the main thread. Another thread waits for the main thread, and must hold
+  // no lock that `on_started`, or the handler of `serve`, takes.
   ProcessRef spawn(const CSpawnPlan& plan, const StartedHandler& on_started);
 
-  // Takes over a process that is no child of this one, such as one found by its name.
+  // Takes over the process `pid`, which need not be a child, by its open handle (pidfd).
   // Returns a reference that `signal` understands; release it with `forget`.
   // Context: any thread.
-  [[nodiscard]] ProcessRef adopt(int32_t pid);
+  [[nodiscard]] ProcessRef adopt(int32_t pid, UniqueFd handle);
 
   // Gives up an adopted process; nothing happens to the process, nor for a reference to a child.
   // Context: any thread.

@@ -25,8 +25,4 @@ int32_t poll(pollfd* fds, nfds_t count, int64_t timeout_ms) noexcept;
 // Context: any, including signal handlers.
 [[nodiscard]] bool inside() noexcept;
 
-// True on the thread that opened a window.
-// Context: any, including signal handlers.
-[[nodiscard]] bool on_window_thread() noexcept;
-
 }  // namespace Tessaro::Iot::Component::SignalWindow

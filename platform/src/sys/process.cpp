@@ -1,6 +1,7 @@
 #include "platform/sys/process.h"
 
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -68,9 +69,12 @@ void close_private_descriptors(int descriptor_limit) noexcept {
     // The daemon may have died before the line above, and then nobody would ever stop this child.
     if (::getppid() != child.parent) ::_exit(0);
   }
+  const sched_param no_priority{};
+  (void)::sched_setscheduler(0, SCHED_OTHER, &no_priority);  // the daemon may have been started with another one
   if (child.discard_output) discard_output();
   close_private_descriptors(child.descriptor_limit);
-  if (child.working_directory != nullptr) (void)!::chdir(child.working_directory);  // the program is then not found
+  if (child.working_directory != nullptr)
+    (void)!::chdir(child.working_directory);  // refused: the program is looked for from here
   if (child.extra_umask != 0) (void)::umask(::umask(0) | child.extra_umask);
   environ = const_cast<char**>(child.environment);
   sigset_t none;

@@ -104,33 +104,38 @@ void CDBusChannel::stop() {
 
 namespace {
 
-int32_t answer_config(World& world, const std::string& member, CDBusRequest& request, CDBusMessageOpr& reply) {
+// Returns the call as a test reads it.
+std::string describe(const std::string& member, const std::string& key, const std::string& value, bool is_protected) {
+  if (member == "get_config") return "get " + key;
+  if (member == "set_config") return "set " + key + "=" + value + (is_protected ? " protected" : "");
+  return member == "reset_config" ? "reset" : "flush";
+}
+
+// Returns false when the call is lost.
+bool answer_config(World& world, const std::string& member, CDBusRequest& request, CDBusMessageOpr& reply) {
   std::string key;
   std::string value;
+  dbus_bool_t is_protected = FALSE;
   (void)request.get_string(key);
   (void)request.get_string(value);
-  if (member == "get_config") {
-    world.config_calls.push_back("get " + key);
-    const auto found = world.config.find(key);
-    (void)reply.set_int32(found == world.config.end() ? 100100 : 0);
-    (void)reply.set_string(found == world.config.end() ? "" : found->second);
-    return 0;
-  }
-  if (member == "set_config") {
-    dbus_bool_t is_protected = FALSE;
-    DBusMessageIter iterator;
-    (void)dbus_message_iter_init(request.message(), &iterator);
+  DBusMessageIter iterator;
+  if (member == "set_config" && dbus_message_iter_init(request.message(), &iterator) != FALSE) {
     (void)dbus_message_iter_next(&iterator);
     (void)dbus_message_iter_next(&iterator);
     dbus_message_iter_get_basic(&iterator, &is_protected);
-    world.config_calls.push_back("set " + key + "=" + value + (is_protected != FALSE ? " protected" : ""));
-    world.config[key] = value;
-  } else {
-    world.config_calls.push_back(member == "reset_config" ? "reset" : "flush");
-    if (member == "reset_config") world.config.clear();
   }
+  world.config_calls.push_back(describe(member, key, value, is_protected != FALSE));
+  if (world.on_config_call && !world.on_config_call(world.config_calls.back())) return false;
+  const auto found = world.config.find(key);
+  if (member == "get_config") {
+    (void)reply.set_int32(found == world.config.end() ? 100100 : 0);
+    (void)reply.set_string(found == world.config.end() ? "" : found->second);
+    return true;
+  }
+  if (member == "set_config") world.config[key] = value;
+  if (member == "reset_config") world.config.clear();
   (void)reply.set_int32(0);
-  return 0;
+  return true;
 }
 
 }  // namespace
@@ -143,7 +148,7 @@ int32_t CDBusChannel::call(CDBusRequest& request, CDBusResponse& response, int64
   }
   dbus_message_set_serial(request.message(), 1);
   response = CDBusResponse(request);
-  return answer_config(world, dbus_message_get_member(request.message()), request, response);
+  return answer_config(world, dbus_message_get_member(request.message()), request, response) ? 0 : call_closed;
 }
 
 bool CDBusChannel::send(CDBusMessageOpr&) { return impl_->channel.up; }

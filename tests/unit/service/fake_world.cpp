@@ -125,7 +125,6 @@ namespace SignalWindow {
 void open_on_this_thread(const sigset_t&) noexcept {}
 int32_t poll(pollfd*, nfds_t, int64_t) noexcept { return 0; }
 bool inside() noexcept { return false; }
-bool on_window_thread() noexcept { return false; }
 }  // namespace SignalWindow
 
 // --- threads

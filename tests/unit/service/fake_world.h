@@ -74,6 +74,8 @@ class World {
   std::map<std::string, std::string> config;  // keys of the configuration service
   std::vector<std::string> config_calls;      // "get KEY", "set KEY=VALUE", "reset", "flush"
   bool config_answers = true;
+  // Asked for each call, already recorded; false: the call is lost.
+  std::function<bool(const std::string& call)> on_config_call;
 
  private:
   std::multimap<int64_t, std::function<void()>> events_;

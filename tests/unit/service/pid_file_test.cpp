@@ -112,6 +112,26 @@ TEST_F(PidFile, HeldWithoutAPidInItGivesMinusOne) {
             7);
 }
 
+TEST_F(PidFile, ThatIsLetGoWhileItIsReadIsTaken) {
+  int go[2];
+  ASSERT_EQ(::pipe2(go, O_CLOEXEC), 0);
+  const pid_t holder = ::fork();
+  if (holder == 0) {
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT, 0644);
+    const bool held = try_lock_file(fd) == 0;  // and never writes its pid
+    (void)!::write(go[1], held ? "y" : "n", 1);
+    (void)::usleep(40'000);
+    ::_exit(0);
+  }
+  char held = 0;
+  ASSERT_EQ(::read(go[0], &held, 1), 1);
+  ASSERT_EQ(held, 'y');
+  EXPECT_EQ(in_child([&] { return lock_pid_file(path) == 0 ? 7 : 1; }), 7);
+  EXPECT_EQ(::waitpid(holder, nullptr, 0), holder);
+  (void)::close(go[0]);
+  (void)::close(go[1]);
+}
+
 TEST_F(PidFile, TakenAgainByTheSameProcessUsesTheSameDescriptor) {
   EXPECT_EQ(in_child([&] {
               for (int32_t round = 0; round < 5; ++round) {

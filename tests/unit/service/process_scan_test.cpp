@@ -11,6 +11,7 @@
 #include <filesystem>
 
 #include "install_root.h"
+#include "platform/sys/process.h"
 
 namespace Tessaro::Iot::Component {
 namespace {
@@ -81,6 +82,25 @@ TEST_F(ProcessScan, AppendsToTheList) {
 TEST_F(ProcessScan, NeverFindsAProgramOutsideTheInstallRoot) {
   const Running program("/tmp/probe-outside");
   EXPECT_THAT(find("probe-outside"), IsEmpty());
+}
+
+TEST_F(ProcessScan, NeverFindsAProgramOfARootThatOnlyBeginsAlike) {
+  const std::filesystem::path sibling = get_install_root() + "2";
+  std::filesystem::create_directories(sibling);
+  {
+    const Running program(sibling / "probe-sibling");
+    EXPECT_THAT(find("probe-sibling"), IsEmpty());
+  }
+  std::filesystem::remove_all(sibling);
+}
+
+TEST_F(ProcessScan, OpensOnlyTheProgramThatWasLookedFor) {
+  const Running program(inside);
+  const UniqueFd right = open_program(program.pid(), "probe-inside");
+  ASSERT_TRUE(right.valid());
+  EXPECT_EQ(sys::signal_open_process(right.get(), 0), 0);
+  EXPECT_FALSE(open_program(program.pid(), "other").valid());
+  EXPECT_FALSE(open_program(::getppid(), "probe-inside").valid());
 }
 
 TEST_F(ProcessScan, FindsAProgramThatWasReplacedOnDisk) {

@@ -113,11 +113,62 @@ TEST_F(Identity, IncompleteGroupsAreNotWritten) {
 }
 
 TEST_F(Identity, IsAppliedOnce) {
-  (void)appear({"pk", "dn", "ds", "h", "p", "v"});
-  world.config_calls.clear();
-  make("[]");
-  world.config_calls.clear();
-  EXPECT_THAT(appear({}), ElementsAre("set gw_ha_service_switch=off"));
+  make("[]", {"pk", "dn", "ds", "h", "p", "v", "ch", "cp", "tt"});
+  world.after_s(10, [this] {
+    (void)watchdog().name_owner_changed("iot.dmp.configmanager", "", ":1.9");
+    world.config_calls.clear();
+    (void)watchdog().name_owner_changed("iot.dmp.configmanager", ":1.9", "");
+  });
+  end_by_upgrade_after_ms(30'000);
+  (void)probe().run();
+  EXPECT_THAT(world.config_calls, ElementsAre("set gw_ha_service_switch=off"));
+}
+
+// A teardown begins at the n-th call to the configuration service, whichever that is: in the next cycle all is written.
+TEST_F(Identity, ThatATeardownCutsShortIsAppliedInTheNextCycle) {
+  for (size_t cut = 1; cut <= 14; ++cut) {
+    SCOPED_TRACE(cut);
+    world.reset();
+    world.config = {{"gw_system_productkey", "old"}, {"gw_system_devicename", "dn"}};
+    make("[]", {"pk", "dn", "ds", "h", "p", "v", "ch", "cp", "tt"});
+    world.on_config_call = [this, cut](const std::string&) {
+      if (world.config_calls.size() != cut) return true;
+      probe().clear_running();
+      return false;  // lost, whatever it was
+    };
+    const auto appear = [this] { (void)watchdog().name_owner_changed("iot.dmp.configmanager", "", ":1.9"); };
+    world.after_s(10, appear);
+    world.after_s(20, appear);
+    end_by_upgrade_after_ms(30'000);
+    (void)probe().run();
+    for (const auto& [key, value] : std::map<std::string, std::string>{{"gw_system_productkey", "pk"},
+                                                                       {"gw_system_devicename", "dn"},
+                                                                       {"gw_system_devicesecret", "ds"},
+                                                                       {"gw_system_as_host", "h"},
+                                                                       {"gw_system_ver_ca", "v"},
+                                                                       {"gw_remoteaccess_tls_type", "tt"}}) {
+      EXPECT_EQ(world.config[key], value) << key;
+    }
+    EXPECT_TRUE(nothing_pending());
+  }
+}
+
+TEST_F(Identity, ThatArrivesWhileOneIsWrittenIsAppliedToo) {
+  make("[]", {"pk", "dn", "ds"});
+  world.on_config_call = [this](const std::string& call) {
+    if (call == "set gw_system_devicename=dn") {
+      (void)quorvaned().call("set_gateway_triple", {R"({"productkey":"pk2","devicename":"dn2","devicesecret":"ds2"})"});
+    }
+    return true;
+  };
+  const auto appear = [this] { (void)watchdog().name_owner_changed("iot.dmp.configmanager", "", ":1.9"); };
+  world.after_s(10, appear);
+  world.after_s(20, appear);
+  end_by_upgrade_after_ms(30'000);
+  (void)probe().run();
+  EXPECT_EQ(world.config["gw_system_productkey"], "pk2");
+  EXPECT_EQ(world.config["gw_system_devicesecret"], "ds2");
+  EXPECT_TRUE(nothing_pending());
 }
 
 TEST_F(Identity, IsSynchronisedWhenTheServiceLeavesToo) {

@@ -62,6 +62,19 @@ TEST_F(StartupLogFile, HoldsSecretsAndIsNotForEverybody) {
   }
 }
 
+TEST_F(StartupLogFile, ThatSomebodyMadeForEverybodyIsNarrowed) {
+  std::ofstream(Paths::startup_log) << "x\n";
+  fs::permissions(Paths::startup_log, fs::perms{0666});
+  append_startup_log("secret\n");
+  EXPECT_EQ(fs::status(Paths::startup_log).permissions(), fs::perms{0640});
+}
+
+TEST_F(StartupLogFile, InWhosePlaceIsAPipeDoesNotHoldTheWriter) {
+  ASSERT_EQ(::mkfifo(Paths::startup_log, 0600), 0);
+  append_startup_log("x\n");
+  EXPECT_LE(startup_log_size(), 0);
+}
+
 TEST_F(StartupLogFile, WithoutItsDirectoryDropsTheLine) {
   fs::remove_all("/quorvane/run");
   append_startup_log("x\n");

@@ -5,6 +5,7 @@
 #include <fstream>
 
 #include "platform/signal_window.h"
+#include "platform/sys/process.h"
 #include "process_fixture.h"
 #include "wait_until.h"
 
@@ -139,7 +140,7 @@ TEST_F(ProcessHost, AnAdoptedProcessIsSignalledUntilItIsForgotten) {
     (void)::pause();
     ::_exit(0);
   }
-  const ProcessRef adopted = host_.adopt(stranger);
+  const ProcessRef adopted = host_.adopt(stranger, UniqueFd(sys::open_process(stranger)));
   EXPECT_EQ(adopted.pid, stranger);
   EXPECT_TRUE(host_.is_current(adopted));
   EXPECT_EQ(host_.signal(adopted, 0), 0);
@@ -154,7 +155,7 @@ TEST_F(ProcessHost, AnAdoptedProcessIsSignalledUntilItIsForgotten) {
 TEST_F(ProcessHost, AStrangerWithTheNumberOfAnAdoptedProcessIsNeverSignalled) {
   const pid_t first = ::fork();
   if (first == 0) ::_exit(0);
-  const ProcessRef adopted = host_.adopt(first);
+  const ProcessRef adopted = host_.adopt(first, UniqueFd(sys::open_process(first)));
   end_stranger(first);
   EXPECT_FALSE(host_.is_current(adopted));
   EXPECT_EQ(host_.signal(adopted, SIGKILL), -1);
@@ -168,7 +169,7 @@ TEST_F(ProcessHost, WhatDoesNotExistCannotBeAdopted) {
   const pid_t gone = ::fork();
   if (gone == 0) ::_exit(0);
   end_stranger(gone);
-  const ProcessRef adopted = host_.adopt(gone);
+  const ProcessRef adopted = host_.adopt(gone, UniqueFd(sys::open_process(gone)));
   EXPECT_EQ(adopted, (ProcessRef{gone, 0}));
   EXPECT_EQ(host_.signal(adopted, 0), -1);
 }
@@ -233,7 +234,7 @@ TEST_F(ProcessHost, AnEndIsWaitedForNoLongerThanAsked) {
 TEST_F(ProcessHost, OnlyTheEndOfAChildIsWaitedFor) {
   const ProcessRef reaped = host_.spawn(shell("exit 0"), nullptr);
   ASSERT_TRUE(serve_until([&] { return deaths_.size() == 1; }));
-  const ProcessRef adopted = host_.adopt(::getpid());
+  const ProcessRef adopted = host_.adopt(::getpid(), UniqueFd(sys::open_process(::getpid())));
   EXPECT_LT(milliseconds_of([&] {
               host_.wait_until_ended(reaped, 20'000);
               host_.wait_until_ended(ProcessRef{}, 20'000);
