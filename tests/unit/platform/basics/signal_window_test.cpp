@@ -88,8 +88,6 @@ TEST_F(Window, HandlersRunOnlyInTheWindow) {
       });
 }
 
-TEST_F(Window, BelongsToItsThread) {}
-
 TEST_F(Window, AThreadWithoutOneJustPolls) {
   ASSERT_EQ(::pthread_kill(::pthread_self(), SIGUSR1), 0);
   EXPECT_GE(milliseconds_of([] { EXPECT_EQ(SignalWindow::poll(nullptr, 0, 50), 0); }), 50);
