@@ -1,10 +1,7 @@
-// A method call under way.
+// A method call that waits for its answer.
 #pragma once
 
-#include <dbus/dbus.h>
-
 #include <condition_variable>
-#include <memory>
 #include <mutex>
 #include <utility>
 
@@ -13,82 +10,50 @@
 
 namespace Tessaro::Iot::Component {
 
+// Belongs to the thread that waits; others settle it, once.
 class DBusCall {
  public:
   enum class State { waiting, answered, closed };
 
-  DBusCall() : shared_(std::make_shared<Shared>()) {}
-  ~DBusCall() {
-    if (pending_ && state() != State::answered) dbus_pending_call_cancel(pending_.get());
-  }
+  DBusCall() = default;
   DBusCall(const DBusCall&) = delete;
   DBusCall& operator=(const DBusCall&) = delete;
 
-  // Sends `message`; libdbus itself sets no time limit. Returns false when memory ran out.
-  [[nodiscard]] bool send(DBusConnection* connection, DBusMessage* message) {
-    auto notified = std::make_unique<SharedPtr>(shared_);
-    DBusPendingCall* pending = nullptr;
-    if (dbus_connection_send_with_reply(connection, message, &pending, DBUS_TIMEOUT_INFINITE) == FALSE) return false;
-    if (pending == nullptr) {
-      close();  // the connection is gone
-      return true;
-    }
-    pending_.reset(pending);
-    if (dbus_pending_call_set_notify(pending, &DBusCall::notify, notified.get(), &DBusCall::free_notified) == FALSE) {
-      return false;
-    }
-    (void)notified.release();  // libdbus frees it
-    // The answer may have come before there was anybody to notify.
-    if (dbus_pending_call_get_completed(pending) != FALSE) shared_->settle(State::answered);
-    return true;
-  }
-
-  // Ends the wait without an answer, unless one has come. Context: any thread.
-  void close() noexcept { shared_->settle(State::closed); }
+  void answer(DBusMessagePtr message) noexcept { settle(State::answered, std::move(message)); }
+  // Ends the wait without an answer, unless one has come.
+  void close() noexcept { settle(State::closed, nullptr); }
 
   [[nodiscard]] State state() const noexcept {
-    const std::lock_guard<std::mutex> lock(shared_->mutex);
-    return shared_->state;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return state_;
   }
   [[nodiscard]] bool settled() const noexcept { return state() != State::waiting; }
 
-  void wait(const DBusDeadline& deadline) const {
-    std::unique_lock<std::mutex> lock(shared_->mutex);
-    (void)shared_->settled.wait_until(lock, deadline.end(),  // the state tells what ended it
-                                      [this] { return shared_->state != State::waiting; });
+  void wait(const DBusDeadline& deadline) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    (void)settled_.wait_until(lock, deadline.end(),  // the state tells what ended it
+                              [this] { return state_ != State::waiting; });
   }
 
-  // The answer of a call that was answered.
+  // A method return or an error; null when there was no answer.
   [[nodiscard]] DBusMessagePtr take_answer() noexcept {
-    return DBusMessagePtr(dbus_pending_call_steal_reply(pending_.get()));
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return std::move(answer_);
   }
 
  private:
-  // Outlives the call for as long as libdbus may still notify.
-  struct Shared {
-    std::mutex mutex;
-    std::condition_variable settled;
-    State state = State::waiting;  // left once
-
-    void settle(State final_state) noexcept {
-      const std::lock_guard<std::mutex> lock(mutex);
-      if (state == State::waiting) state = final_state;
-      settled.notify_all();
-    }
-  };
-  using SharedPtr = std::shared_ptr<Shared>;
-
-  struct PendingUnref {
-    void operator()(DBusPendingCall* pending) const noexcept { dbus_pending_call_unref(pending); }
-  };
-
-  static void notify(DBusPendingCall* /*pending*/, void* shared) noexcept {
-    (*static_cast<SharedPtr*>(shared))->settle(State::answered);
+  void settle(State state, DBusMessagePtr message) noexcept {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (state_ != State::waiting) return;
+    state_ = state;
+    answer_ = std::move(message);
+    settled_.notify_all();
   }
-  static void free_notified(void* shared) noexcept { delete static_cast<SharedPtr*>(shared); }
 
-  SharedPtr shared_;
-  std::unique_ptr<DBusPendingCall, PendingUnref> pending_;
+  mutable std::mutex mutex_;  // guards the two below
+  State state_ = State::waiting;
+  DBusMessagePtr answer_;
+  std::condition_variable settled_;
 };
 
 }  // namespace Tessaro::Iot::Component

@@ -59,12 +59,12 @@ class CDBusChannel::Impl {
  private:
   using LinkPtr = std::shared_ptr<DBusLink>;
   class DispatchThread;
-  class Visit;
+  class CallScope;
 
   bool on_dispatch_thread() const noexcept { return dispatching == this; }
   bool stopping() const noexcept { return stopping_.load(); }
   LinkPtr link() const;
-  void drop_link(const DBusLink& lost);
+  void drop_link(DBusLink& dropped);
   bool connect();
   void halt();
 
@@ -75,7 +75,7 @@ class CDBusChannel::Impl {
   bool stopped_within(const DBusDeadline& deadline);
   void say_farewell(DBusLink& link) noexcept;
   static void pump(DBusLink& link, const DBusCall& call, const DBusDeadline& deadline) noexcept;
-  void wait_dispatching(DBusLink& link, DBusCall& call, const DBusDeadline& deadline);
+  void wait_dispatching(DBusLink& link, const DBusCall& call, const DBusDeadline& deadline);
   void handle(DBusLink& link, DBusMessagePtr message) noexcept;
   void answer(DBusLink& link, DBusMessagePtr call);
 
@@ -88,9 +88,8 @@ class CDBusChannel::Impl {
   std::mutex life_;  // one start or stop at a time; never taken on the dispatch thread
   std::atomic<bool> stopping_{false};
 
-  mutable std::mutex mutex_;  // guards the three below; never held while anything waits or a handler runs
+  mutable std::mutex mutex_;  // guards the two below; never held while anything waits or a handler runs
   LinkPtr link_;              // null while there is no connection
-  std::vector<DBusCall*> calls_;
   std::shared_ptr<const ErrorHandler> error_handler_;
 
   std::unique_ptr<DispatchThread> thread_;
@@ -114,29 +113,17 @@ class CDBusChannel::Impl::DispatchThread final : public CThread {
   Impl& channel_;
 };
 
-// Makes a call known to the channel for as long as it may wait, so that a stop or a lost connection can end it.
-class CDBusChannel::Impl::Visit {
+// Takes a call out of its link again.
+class CDBusChannel::Impl::CallScope {
  public:
-  Visit(Impl& channel, DBusCall& call) : channel_(channel), call_(call) {
-    const std::lock_guard<std::mutex> lock(channel_.mutex_);
-    if (channel_.stopping()) return;
-    channel_.calls_.push_back(&call_);
-    link_ = channel_.link_;
-  }
-  ~Visit() {
-    const std::lock_guard<std::mutex> lock(channel_.mutex_);
-    std::erase(channel_.calls_, &call_);
-  }
-  Visit(const Visit&) = delete;
-  Visit& operator=(const Visit&) = delete;
-
-  // Null when the channel is not up.
-  [[nodiscard]] DBusLink* link() const noexcept { return link_.get(); }
+  CallScope(DBusLink& link, const DBusCall& call) noexcept : link_(link), call_(call) {}
+  ~CallScope() { link_.forget(call_); }
+  CallScope(const CallScope&) = delete;
+  CallScope& operator=(const CallScope&) = delete;
 
  private:
-  Impl& channel_;
-  DBusCall& call_;
-  LinkPtr link_;
+  DBusLink& link_;
+  const DBusCall& call_;
 };
 
 CDBusChannel::Impl::Impl(std::string address, std::string name, std::string path, std::vector<std::string> match_rules)
@@ -156,12 +143,13 @@ CDBusChannel::Impl::LinkPtr CDBusChannel::Impl::link() const {
   return link_;
 }
 
-// Ends every call that waits on `lost`, unless a handler has put another link in its place already.
-void CDBusChannel::Impl::drop_link(const DBusLink& lost) {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  if (link_.get() != &lost) return;
-  link_.reset();
-  for (DBusCall* call : calls_) call->close();
+// Lets no more calls in and ends those that wait.
+void CDBusChannel::Impl::drop_link(DBusLink& dropped) {
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (link_.get() == &dropped) link_.reset();  // else a handler has put another in its place already
+  }
+  dropped.end_calls();
 }
 
 bool CDBusChannel::Impl::start() {
@@ -192,7 +180,7 @@ void CDBusChannel::Impl::halt() {
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     stopping_.store(true);
-    for (DBusCall* call : calls_) call->close();
+    if (link_) link_->end_calls();
   }
   wake_->post();
   if (!on_dispatch_thread()) (void)thread_->stopThread();
@@ -278,7 +266,8 @@ void CDBusChannel::Impl::say_farewell(DBusLink& link) noexcept {
                          endpoint_.name.empty() ? "GetId" : "ReleaseName");
     if (!endpoint_.name.empty()) (void)request.set_string(endpoint_.name);  // without it an error is the answer
     DBusCall call;
-    if (request.message() == nullptr || !call.send(link.connection(), request.message())) return;
+    const CallScope scope(link, call);
+    if (request.message() == nullptr || !link.post_last(request.message(), call)) return;
     while (!call.settled() && !link.lost() && deadline.remaining_ms() > 0) {
       pump(link, call, deadline);
       link.discard_inbox();
@@ -293,7 +282,7 @@ void CDBusChannel::Impl::pump(DBusLink& link, const DBusCall& call, const DBusDe
 }
 
 // What else arrives meanwhile stays in the inbox for the loop that runs the calling handler.
-void CDBusChannel::Impl::wait_dispatching(DBusLink& link, DBusCall& call, const DBusDeadline& deadline) {
+void CDBusChannel::Impl::wait_dispatching(DBusLink& link, const DBusCall& call, const DBusDeadline& deadline) {
   while (!call.settled() && deadline.remaining_ms() > 0) {
     pump(link, call, deadline);
     if (link.lost() && !link.has_data()) drop_link(link);
@@ -304,14 +293,14 @@ int32_t CDBusChannel::Impl::call(const CDBusRequest& request, CDBusResponse& res
   const DBusDeadline deadline(timeout_ms);
   const DBusMessagePtr message = sendable(request);
   if (!message || dbus_message_get_type(message.get()) != DBUS_MESSAGE_TYPE_METHOD_CALL) return call_failed;
+  const LinkPtr current = stopping() ? nullptr : link();
+  if (!current) return call_closed;
   DBusCall call;
-  const Visit visit(*this, call);
-  DBusLink* const link = visit.link();
-  if (link == nullptr) return call_closed;
-  if (link->waiting_bytes() > max_waiting_calls || !call.send(link->connection(), message.get())) return call_failed;
+  const CallScope scope(*current, call);
+  if (current->waiting_bytes() > max_waiting_calls || !current->post(message.get(), call)) return call_failed;
 
   if (on_dispatch_thread()) {
-    wait_dispatching(*link, call, deadline);
+    wait_dispatching(*current, call, deadline);
   } else {
     call.wait(deadline);
   }

@@ -10,8 +10,11 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <mutex>
+#include <unordered_map>
 #include <utility>
 
+#include "dbus_call.h"
 #include "platform/dbus_connection.h"
 #include "platform/dbus_message.h"
 #include "platform/unique_fd.h"
@@ -42,8 +45,8 @@ class DBusWake {
   UniqueFd fd_;
 };
 
-// One thread, the channel's, reads and dispatches; others may send on `connection` meanwhile, and keep the object, but
-// not the connection's socket, alive while they do.
+// One thread, the channel's, reads and dispatches; others may send meanwhile, and keep the object, but not the
+// connection's socket, alive while they do.
 class DBusLink {
  public:
   // Takes the connection over. Returns null when descriptors or memory ran out.
@@ -59,7 +62,32 @@ class DBusLink {
   // Bytes that wait to be sent. Context: any thread.
   [[nodiscard]] int64_t waiting_bytes() const noexcept { return dbus_connection_get_outgoing_size(connection_.get()); }
 
+  // Sends `message`; its answer, or the end of the link, settles `call`, which must be forgotten before it ends.
+  // Returns false when memory ran out.
+  [[nodiscard]] bool post(DBusMessage* message, DBusCall& call) {
+    const std::lock_guard<std::mutex> lock(calls_mutex_);
+    if (!ended_) return post_locked(message, call);
+    call.close();
+    return true;
+  }
+  void forget(const DBusCall& call) noexcept {
+    const std::lock_guard<std::mutex> lock(calls_mutex_);
+    std::erase_if(calls_, [&call](const auto& entry) { return entry.second == &call; });
+  }
+  // Settles every call, and those to come at once.
+  void end_calls() noexcept {
+    const std::lock_guard<std::mutex> lock(calls_mutex_);
+    ended_ = true;
+    for (const auto& [serial, call] : calls_) call->close();
+  }
+
   // All below is for the dispatch thread alone.
+
+  // As `post`, after the end of the calls.
+  [[nodiscard]] bool post_last(DBusMessage* message, DBusCall& call) {
+    const std::lock_guard<std::mutex> lock(calls_mutex_);
+    return post_locked(message, call);
+  }
 
   // True once the bus has gone; what it sent before may still wait to be dispatched.
   [[nodiscard]] bool lost() const noexcept { return lost_; }
@@ -78,7 +106,7 @@ class DBusLink {
     if (dbus_connection_read_write(connection_.get(), 0) == FALSE) lost_ = true;
   }
 
-  // Dispatches one message: a reply goes to its call, another message into the inbox.
+  // Dispatches one message: an answer goes to its call, another message into the inbox.
   void dispatch_one() noexcept { (void)dbus_connection_dispatch(connection_.get()); }
 
   // The next message to be handled; null when none waits.
@@ -112,15 +140,32 @@ class DBusLink {
       lost_ = true;
       return DBUS_HANDLER_RESULT_HANDLED;
     }
-    const int type = dbus_message_get_type(message);
-    if (type != DBUS_MESSAGE_TYPE_METHOD_CALL && type != DBUS_MESSAGE_TYPE_SIGNAL) return DBUS_HANDLER_RESULT_HANDLED;
     DBusMessagePtr kept(dbus_message_ref(message));
-    try {
-      inbox_.push_back(std::move(kept));
-    } catch (...) {
-      return DBUS_HANDLER_RESULT_NEED_MEMORY;  // libdbus offers it again
+    const int type = dbus_message_get_type(message);
+    if (type == DBUS_MESSAGE_TYPE_METHOD_RETURN || type == DBUS_MESSAGE_TYPE_ERROR) {
+      settle(std::move(kept));
+    } else {
+      try {
+        inbox_.push_back(std::move(kept));
+      } catch (...) {
+        return DBUS_HANDLER_RESULT_NEED_MEMORY;  // libdbus offers it again
+      }
     }
     return DBUS_HANDLER_RESULT_HANDLED;
+  }
+
+  void settle(DBusMessagePtr answer) noexcept {
+    const std::lock_guard<std::mutex> lock(calls_mutex_);
+    const auto entry = calls_.find(dbus_message_get_reply_serial(answer.get()));
+    if (entry != calls_.end()) entry->second->answer(std::move(answer));  // else it comes too late
+  }
+
+  // The lock is kept over the sending: the answer may be here before the serial is known.
+  bool post_locked(DBusMessage* message, DBusCall& call) {
+    dbus_uint32_t serial = 0;
+    if (dbus_connection_send(connection_.get(), message, &serial) == FALSE) return false;
+    calls_[serial] = &call;
+    return true;
   }
 
   bool attach() {
@@ -138,6 +183,12 @@ class DBusLink {
   UniqueFd socket_;
   bool lost_ = false;
   std::deque<DBusMessagePtr> inbox_;
+
+  // Guards the two below. libdbus is called with it held; it calls back with none of its own locks held.
+  std::mutex calls_mutex_;
+  std::unordered_map<dbus_uint32_t, DBusCall*> calls_;
+  bool ended_ = false;
+
   DBusConnectionPtr connection_;  // last: closed before what its callbacks use
 };
 

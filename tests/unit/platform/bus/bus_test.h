@@ -31,11 +31,9 @@ constexpr const char* other_path = "/iot/test/other";
 class Gate {
  public:
   void open() {
-    {
-      const std::lock_guard<std::mutex> lock(mutex_);
-      open_ = true;
-    }
-    changed_.notify_all();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    open_ = true;
+    changed_.notify_all();  // under the lock: who passes may take the gate away at once
   }
   // Returns false when it is still shut after `limit`.
   bool pass(std::chrono::milliseconds limit = std::chrono::seconds(20)) {

@@ -40,9 +40,8 @@ class ConfigAgentTest : public BusTest {
       store_.clear();
       EXPECT_TRUE(response.set_int32(0));
     });
-    service_->register_method_callback("flush_config", [](CDBusRequest&, CDBusResponse& response, bool&) {
-      EXPECT_TRUE(response.set_int32(77));
-    });
+    service_->register_method_callback(
+        "flush_config", [](CDBusRequest&, CDBusResponse& response, bool&) { EXPECT_TRUE(response.set_int32(77)); });
     ASSERT_TRUE(channel_->start());
     ASSERT_TRUE(service_->start());
   }

@@ -31,7 +31,9 @@ class IntrospectionTest : public BusTest {
   std::string xml_at(const std::string& path) {
     return peer().call(channel_name, path, DBUS_INTERFACE_INTROSPECTABLE, "Introspect").text();
   }
-  std::string own_interface() { return between(xml_at(channel_path), "<interface name=\"iot.test.channel\"", "</interface>"); }
+  std::string own_interface() {
+    return between(xml_at(channel_path), "<interface name=\"iot.test.channel\"", "</interface>");
+  }
 
   std::unique_ptr<CDBusChannel> channel_;
 };

@@ -1,5 +1,3 @@
-#include <signal.h>
-
 #include <filesystem>
 #include <fstream>
 #include <string>

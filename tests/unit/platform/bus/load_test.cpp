@@ -66,8 +66,7 @@ TEST_F(LoadTest, loses_no_call_of_four_threads_beside_20000_signals) {
   std::vector<std::vector<int64_t>> times(callers);
   std::vector<std::thread> threads;
   for (int caller = 0; caller < callers; ++caller) {
-    threads.emplace_back(
-        [&, caller] { times[static_cast<size_t>(caller)] = time_calls(*channel, caller, calls); });
+    threads.emplace_back([&, caller] { times[static_cast<size_t>(caller)] = time_calls(*channel, caller, calls); });
   }
   for (std::thread& thread : threads) thread.join();
   sender.join();
@@ -84,17 +83,16 @@ TEST_F(LoadTest, loses_no_call_of_four_threads_beside_20000_signals) {
 }
 
 TEST_F(LoadTest, survives_1000_handler_replacements_under_traffic) {
-  auto channel = new_channel();
   std::atomic<int> heard{0};
+  auto channel = new_channel();
   const auto replace = [&channel, &heard](int number) {
     // What a handler owns lives for as long as it runs, whoever replaces it meanwhile.
     auto owned = std::make_shared<std::string>(std::to_string(number));
     channel->register_signal_callback("tick", [owned, &heard](CDBusSignal&) {
       if (!owned->empty()) ++heard;
     });
-    channel->register_method_callback("ask", [owned](CDBusRequest&, CDBusResponse& response, bool&) {
-      (void)response.set_string(*owned);
-    });
+    channel->register_method_callback(
+        "ask", [owned](CDBusRequest&, CDBusResponse& response, bool&) { (void)response.set_string(*owned); });
   };
   replace(-1);
   ASSERT_TRUE(channel->start());
@@ -123,7 +121,7 @@ TEST_F(LoadTest, refuses_signals_once_a_megabyte_waits_and_never_blocks) {
   ASSERT_TRUE(channel->start());
   bus_.freeze();
   CDBusSignal signal(channel_path, channel_name, "bulk");
-  ASSERT_TRUE(signal.set_string(std::string(64 * 1024, 'x')));
+  ASSERT_TRUE(signal.set_string(std::string(size_t{64} * 1024, 'x')));
   int taken = 0;
   const int64_t elapsed = milliseconds_of([&] {
     while (taken < 1000 && channel->send(signal)) ++taken;

@@ -1,9 +1,9 @@
-#include "platform/dbus_message.h"
-
 #include <gtest/gtest.h>
 
 #include <string>
 #include <utility>
+
+#include "platform/dbus_message.h"
 
 namespace test {
 namespace {
@@ -99,8 +99,8 @@ TEST(Message, has_no_message_when_a_name_is_not_valid) {
   const std::string nul("iot.test.a\0b", 12);
   EXPECT_EQ(CDBusRequest("", path, name, "ask").message(), nullptr);
   EXPECT_EQ(CDBusSignal(path, "", "told").message(), nullptr);
-  for (const std::string& bad : {std::string("nodot"), std::string("iot..a"), std::string("iot.\xff"), nul,
-                                 std::string(300, 'a') + ".b"}) {
+  for (const std::string& bad :
+       {std::string("nodot"), std::string("iot..a"), std::string("iot.\xff"), nul, std::string(300, 'a') + ".b"}) {
     EXPECT_EQ(CDBusRequest(bad, path, name, "ask").message(), nullptr) << bad;
     EXPECT_EQ(CDBusRequest(name, path, bad, "ask").message(), nullptr) << bad;
     EXPECT_EQ(CDBusSignal(path, bad, "told").message(), nullptr) << bad;

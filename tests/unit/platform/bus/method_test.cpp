@@ -60,7 +60,8 @@ TEST_F(MethodTest, on_another_interface_is_an_unknown_interface) {
 }
 
 TEST_F(MethodTest, at_another_path_is_an_unknown_object) {
-  for (const char* path : {"/iot/test/channel/below", "/iot/test/chan", "/iot/tes", "/else", "/", "/iot", "/iot/test"}) {
+  for (const char* path :
+       {"/iot/test/channel/below", "/iot/test/chan", "/iot/tes", "/else", "/", "/iot", "/iot/test"}) {
     EXPECT_EQ(error_of(path, channel_name, "echo"), DBUS_ERROR_UNKNOWN_OBJECT) << path;
   }
   EXPECT_EQ(error_of("/else", DBUS_INTERFACE_INTROSPECTABLE, "Introspect"), DBUS_ERROR_UNKNOWN_OBJECT);
@@ -129,10 +130,13 @@ TEST_F(MethodTest, that_wants_no_answer_gets_none) {
   }
   ASSERT_TRUE(peer().settle(channel_name));
   EXPECT_EQ(notes.size(), 1U);
-  EXPECT_EQ(peer().receive([](DBusMessage* message) {
-    const int type = dbus_message_get_type(message);
-    return type == DBUS_MESSAGE_TYPE_METHOD_RETURN || type == DBUS_MESSAGE_TYPE_ERROR;
-  }, 20), nullptr);
+  EXPECT_EQ(peer().receive(
+                [](DBusMessage* message) {
+                  const int type = dbus_message_get_type(message);
+                  return type == DBUS_MESSAGE_TYPE_METHOD_RETURN || type == DBUS_MESSAGE_TYPE_ERROR;
+                },
+                20),
+            nullptr);
 }
 
 TEST_F(MethodTest, survives_a_handler_that_takes_everything_away) {

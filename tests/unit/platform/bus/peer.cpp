@@ -56,9 +56,7 @@ Answer Peer::call(const std::string& destination, const std::string& path, const
   return answer;
 }
 
-bool Peer::settle(const std::string& destination) {
-  return call(destination, "/", DBUS_INTERFACE_PEER, "Ping").ok();
-}
+bool Peer::settle(const std::string& destination) { return call(destination, "/", DBUS_INTERFACE_PEER, "Ping").ok(); }
 
 bool Peer::emit(const std::string& destination, const std::string& path, const std::string& interface,
                 const std::string& member, const std::vector<std::string>& arguments) {

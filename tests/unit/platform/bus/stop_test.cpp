@@ -153,6 +153,7 @@ TEST_F(StopTest, lets_no_handler_run_afterwards) {
   }
   enough = true;
   sender.join();
+  channel_->stop();
 }
 
 TEST_F(StopTest, sends_what_is_queued) {
