@@ -210,7 +210,9 @@ def test_a_signal_to_the_whole_process_group_ends_the_daemon_in_the_usual_way(ga
     os.killpg(daemon.pid, signal.SIGINT)
     gateway.wait_event("svc", "signal", signal=2)
     assert daemon.wait(10) == 0
-    assert in_time(time.monotonic() - begin)
+    # The bus daemon is of the group and ends as well: when that is noticed first, a teardown is under way already
+    # and ends by itself.
+    assert 3.0 <= time.monotonic() - begin <= 5.5 + clock.stretched(1.5)
     assert gateway.log.count("caught %s(%d) signal, exit") == 1
 
 
