@@ -39,11 +39,11 @@ SHAPES = [("i", (-1,)), ("y", (255,)), ("b", (True,)), ("n", (-32768,)), ("q", (
 class Watched:
     """A daemon that has to go on, and to keep the secret to itself."""
 
-    def __init__(self, gateway, *services):
+    def __init__(self, gateway, *services, **how):
         gateway.catalogue(*(services or (Service("svc", bus="iot.test.svc", monitor=1),)))
         self.gateway = gateway
         # One more secret that must not come out: the one that the daemon was started with.
-        self.process = gateway.up("pk", "dn", SECRET)
+        self.process = gateway.up("pk", "dn", SECRET, **how)
         self.pids = [gateway.pid_of(service.name) for service in services] or [gateway.pid_of("svc")]
         self.client = gateway.bus()
         self.cycles = 1
@@ -441,7 +441,7 @@ def test_nobody_takes_the_daemons_names_from_it(gateway):
 # Much of it
 
 def most_descriptors():
-    """Let this process have as many descriptors as it may."""
+    """Let this process, and the gateway that it starts, have as many descriptors as it may."""
     _, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
     resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
 
@@ -493,6 +493,31 @@ def test_two_thousand_connections_are_no_trouble(gateway):
     assert len(os.listdir(f"/proc/{daemon.process.pid}/fd")) == before
     daemon.goes_on()
     clock.until(lambda: len(str(daemon.ask(DRIVER, "ListNames")).split(",")) < 100, 20, "an empty bus")
+    daemon.goes_on()
+
+
+@pytest.mark.takes(12)
+def test_more_connections_than_the_bus_has_descriptors_for_hold_up_only_those_that_come_last(gateway):
+    few = 200
+
+    def allow_few():
+        resource.setrlimit(resource.RLIMIT_NOFILE, (few, few))
+
+    daemon = Watched(gateway, prepare=allow_few)
+    report = daemon.client.report()
+    raws = []
+    with pytest.raises(TimeoutError):
+        while len(raws) < few:
+            raws.append(RawBus(within=1))
+    assert len(raws) > few / 2
+    # Whoever is in is served; the bus may have closed the last one again.
+    for raw in raws[:-1]:
+        assert raw.ask(to(DAEMON, "get_le_status")).text == report
+    daemon.client.feed("iot.test.svc", "item", 1000)
+    assert gateway.status().status == 100
+    for raw in raws:
+        raw.close()
+    clock.until(lambda: gateway.status().status == 0, 10, "status 0")
     daemon.goes_on()
 
 
