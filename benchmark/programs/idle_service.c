@@ -1,0 +1,6 @@
+// A service that costs next to nothing.
+#include <unistd.h>
+
+int main(void) {
+  for (;;) pause();
+}
