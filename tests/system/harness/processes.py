@@ -7,6 +7,7 @@ import threading
 import time
 
 from . import clock
+from .sandbox import SLEEPER
 
 # Wait statuses of everything that was reaped, by pid. Orphans end here as well.
 _ended = {}
@@ -226,7 +227,7 @@ def everybody():
     own = os.getpid()
     pids = [int(name) for name in os.listdir("/proc") if name.isdigit()]
     return [pid for pid in pids
-            if pid not in (1, own) and alive(pid) and arguments(pid) != ["/bin/sleep", "infinity"]]
+            if pid not in (1, own) and alive(pid) and arguments(pid) != SLEEPER]
 
 
 def running(program_name):

@@ -20,6 +20,10 @@ PRIVATE_ROOT = os.path.join(REPOSITORY, "scripts", "private-root")
 CLONE_NEWNS, CLONE_NEWUSER, CLONE_NEWPID = 0x00020000, 0x10000000, 0x20000000
 PR_SET_PDEATHSIG, PR_SET_CHILD_SUBREAPER = 1, 36
 
+# What the namespaces are made for: it does nothing and stays.
+SLEEPER = ["/bin/sleep", "infinity"]
+SLEEPER_ARGUMENTS = b"".join(word.encode() + b"\0" for word in SLEEPER)
+
 libc = ctypes.CDLL(None, use_errno=True)
 
 
@@ -113,7 +117,7 @@ def _make_namespaces(keep, sizes):
             command += ["--keep", path]
         for path, size in sizes.items():
             command += ["--tmpfs-size", f"{path}={size}"]
-        command += ["--", "/bin/sleep", "infinity"]
+        command += ["--", *SLEEPER]
         holder = os.fork()
         if holder == 0:
             try:
@@ -172,6 +176,7 @@ def _run(body, write_end, limit):
     signal.signal(signal.SIGALRM, interrupt)
     signal.setitimer(signal.ITIMER_REAL, limit)
     try:
+        _wait_for_sleeper()
         answer = ("done", body())
     except BaseException as error:  # pylint: disable=broad-except
         answer = ("broken", f"{type(error).__name__}: {error}")
@@ -179,6 +184,18 @@ def _run(body, write_end, limit):
     view = memoryview(pickle.dumps(answer))
     while view:
         view = view[os.write(write_end, view):]
+
+
+def _wait_for_sleeper():
+    """Wait until the process that the namespaces were made for has become the sleeper that tests know it as."""
+    while True:
+        with open("/proc/1/task/1/children", encoding="ascii") as file:
+            pids = file.read().split()
+        for pid in pids:
+            with open(f"/proc/{pid}/cmdline", "rb") as file:
+                if file.read() == SLEEPER_ARGUMENTS:
+                    return
+        time.sleep(0.002)
 
 
 def _wait_for(pid, seconds):
