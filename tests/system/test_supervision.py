@@ -122,7 +122,7 @@ def test_dead_services_come_back_after_the_grace_and_not_earlier(gateway):
                  (told, starts))
             for early, late in zip(starts, starts[1:]):
                 fact(f"{name} is not restarted before the grace is over", late - early >= GRACE, late - early)
-                fact(f"{name} is restarted soon after it", late - early <= GRACE + 2.2 + clock.stretched(1), late - early)
+                fact(f"{name} is restarted soon after it", late - early <= GRACE + 2.2 + clock.stretched(5), late - early)
         fact("what was dead is not signalled", not gateway.log.has("kill -%d %s(%d)"))
         fact("the healthy one keeps its pid", gateway.pid_of("well") == first["well"])
         fact("the unwatched one stays away", gateway.log.count("run unwatched pid %d") == 1)
@@ -220,13 +220,13 @@ def test_keepalives_of_every_kind_have_their_effect(gateway):
     os.kill(first["falls-silent"], signal.SIGUSR1)
     gateway.wait_event("falls-silent", "signal", signal=10)
     gateway.log.wait_for("run replaced pid %d", 12, count=2)
-    assert 5.0 <= time.monotonic() - moment <= 5 + 2.2 + clock.stretched(1)
+    assert 5.0 <= time.monotonic() - moment <= 5 + 2.2 + clock.stretched(4)
     gateway.log.wait_for("threadProc, service(falls-silent) status(0) is abnormal", 12)
     # Sixty seconds are the default.
     gateway.log.wait_for("threadProc, service(default) status(0) is abnormal", 40)
-    assert 60 <= time.monotonic() - fed + 1 <= 62.2 + clock.stretched(1.5)
-    gateway.log.wait_for("threadProc, service(text-for-a-number) status(0) is abnormal", 3)
-    gateway.log.wait_for("threadProc, service(no-key) status(0) is abnormal", 3)
+    assert 60 <= time.monotonic() - fed + 1 <= 62.2 + clock.stretched(6)
+    gateway.log.wait_for("threadProc, service(text-for-a-number) status(0) is abnormal", 10)
+    gateway.log.wait_for("threadProc, service(no-key) status(0) is abnormal", 10)
     with Facts() as fact:
         # A restarted service is not watched until it feeds again.
         for name in ("expires", "two-keys", "broadcast"):
