@@ -184,7 +184,7 @@ class DBusLink {
   bool lost_ = false;
   std::deque<DBusMessagePtr> inbox_;
 
-  // Guards the two below. libdbus is called with it held; it calls back with none of its own locks held.
+  // Guards the two below. libdbus is called with it held, and takes it in `collect` with no lock of its own held.
   std::mutex calls_mutex_;
   std::unordered_map<dbus_uint32_t, DBusCall*> calls_;
   bool ended_ = false;

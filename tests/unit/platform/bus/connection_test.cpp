@@ -67,7 +67,7 @@ TEST_F(ConnectionTest, fails_at_once_where_there_is_no_bus) {
        {std::string(), std::string("unix:path=/nonexistent/socket"), std::string("nonsense"), std::string("unix:"),
         std::string("tcp:host=localhost,port=1"), std::string("unix:path=\xff"), "unix:path=/" + long_path,
         "unix:path=/nonexistent/socket;" + bus_.address(), std::string("unix:path=%zz")}) {
-    EXPECT_LT(milliseconds_of([&address] { EXPECT_EQ(open(address), nullptr) << address; }), 1000) << address;
+    EXPECT_TRUE(in_time(200, [&address] { EXPECT_EQ(open(address), nullptr) << address; })) << address;
   }
 }
 
@@ -75,9 +75,9 @@ TEST_F(ConnectionTest, fails_in_time_on_a_listener_that_never_answers) {
   const TempDir dir;
   const UniqueFd listener = listen_at(dir / "mute");
   ASSERT_TRUE(listener.valid());
-  const int64_t elapsed = milliseconds_of([&dir] { EXPECT_EQ(open("unix:path=" + (dir / "mute"), 300), nullptr); });
-  EXPECT_GE(elapsed, 290);
-  EXPECT_LT(elapsed, 1500);
+  const auto try_in_vain = [&dir] { EXPECT_EQ(open("unix:path=" + (dir / "mute"), 300), nullptr); };
+  EXPECT_GE(milliseconds_of(try_in_vain), 299);
+  EXPECT_TRUE(in_time(500, try_in_vain));
 }
 
 TEST_F(ConnectionTest, fails_in_time_on_a_listener_that_is_no_bus) {
@@ -88,7 +88,7 @@ TEST_F(ConnectionTest, fails_in_time_on_a_listener_that_is_no_bus) {
     const UniqueFd client(::accept(listener.get(), nullptr, nullptr));
     (void)::send(client.get(), "HTTP/1.1 400\r\n\r\n", 16, MSG_NOSIGNAL);
   });
-  EXPECT_LT(milliseconds_of([&dir] { EXPECT_EQ(open("unix:path=" + (dir / "liar"), 300), nullptr); }), 1500);
+  EXPECT_LT(milliseconds_of([&dir] { EXPECT_EQ(open("unix:path=" + (dir / "liar"), 300), nullptr); }), promptly_ms);
   liar.join();
 }
 
@@ -100,14 +100,14 @@ TEST_F(ConnectionTest, fails_in_time_on_a_listener_that_falls_silent_after_the_f
     const UniqueFd probe(::accept(listener.get(), nullptr, nullptr));
     (void)::send(probe.get(), "OK 00\r\n", 7, MSG_NOSIGNAL);
   });
-  EXPECT_LT(milliseconds_of([&dir] { EXPECT_EQ(open("unix:path=" + (dir / "fading"), 300), nullptr); }), 1500);
+  EXPECT_LT(milliseconds_of([&dir] { EXPECT_EQ(open("unix:path=" + (dir / "fading"), 300), nullptr); }), promptly_ms);
   fading.join();
 }
 
 TEST_F(ConnectionTest, fails_in_time_on_a_stopped_bus_however_often_it_is_tried) {
   bus_.freeze();
   for (int attempt = 0; attempt < 40; ++attempt) {
-    EXPECT_LT(milliseconds_of([this] { EXPECT_EQ(open(bus_.address(), 50), nullptr); }), late_ms) << attempt;
+    EXPECT_TRUE(in_time(250, [this] { EXPECT_EQ(open(bus_.address(), 50), nullptr); })) << attempt;
   }
   bus_.thaw();
   EXPECT_NE(open(bus_.address(), 10'000), nullptr);
@@ -117,7 +117,10 @@ TEST_F(ConnectionTest, fails_in_time_on_a_stopped_bus_with_a_full_backlog) {
   bus_.freeze();
   {
     const std::vector<UniqueFd> waiting = fill_backlog(bus_.socket_path());
-    EXPECT_LT(milliseconds_of([this] { EXPECT_EQ(open(bus_.address()), nullptr); }), late_ms);
+    EXPECT_TRUE(in_time(late_ms, [this] { EXPECT_EQ(open(bus_.address()), nullptr); }));
+    for (int attempt = 0; attempt < 40; ++attempt) {
+      EXPECT_TRUE(in_time(250, [this] { EXPECT_EQ(open(bus_.address(), 50), nullptr); })) << attempt;
+    }
   }
   bus_.thaw();
   EXPECT_NE(open(bus_.address(), 10'000), nullptr);
@@ -157,8 +160,8 @@ TEST_F(ConnectionTest, takes_match_rules_that_the_bus_understands) {
 TEST_F(ConnectionTest, gives_up_in_time_when_the_bus_stops_answering) {
   const DBusConnectionPtr connection = open(bus_.address());
   bus_.freeze();
-  EXPECT_LT(milliseconds_of([&] { EXPECT_EQ(request_bus_name(connection.get(), channel_name, 200), -1); }), 1500);
-  EXPECT_LT(milliseconds_of([&] { EXPECT_FALSE(add_bus_match(connection.get(), "type='signal'", 200)); }), 1500);
+  EXPECT_TRUE(in_time(400, [&] { EXPECT_EQ(request_bus_name(connection.get(), channel_name, 200), -1); }));
+  EXPECT_TRUE(in_time(400, [&] { EXPECT_FALSE(add_bus_match(connection.get(), "type='signal'", 200)); }));
   EXPECT_EQ(request_bus_name(connection.get(), channel_name, 0), -1);
   bus_.thaw();
 }

@@ -148,7 +148,7 @@ TEST_F(LossTest, that_is_being_mended_does_not_hold_up_a_stop_or_a_start) {
   bus_.kill();
   CDBusSignal signal(channel_path, channel_name, "tick");
   ASSERT_TRUE(wait_until([this, &signal] { return !channel_->send(signal); }));
-  EXPECT_LT(milliseconds_of([this] { channel_->stop(); }), 1500);
+  EXPECT_LT(milliseconds_of([this] { channel_->stop(); }), promptly_ms);
 }
 
 TEST_F(LossTest, ends_the_calls_that_wait) {

@@ -49,7 +49,7 @@ TEST_F(StopTest, ends_the_waiting_calls_of_other_threads_at_once) {
     });
   }
   ASSERT_TRUE(muted_.pass());
-  EXPECT_LT(milliseconds_of([this] { channel_->stop(); }), 2000);
+  EXPECT_LT(milliseconds_of([this] { channel_->stop(); }), promptly_ms);
   for (std::thread& caller : callers) caller.join();
   EXPECT_EQ(ended.load(), 4);
   EXPECT_EQ(wait_in_vain(*channel_), CDBusChannel::call_closed);
@@ -63,7 +63,7 @@ TEST_F(StopTest, ends_the_waiting_call_of_a_handler_at_once) {
     ended.open();
   });
   ASSERT_TRUE(muted_.pass());
-  EXPECT_LT(milliseconds_of([this] { channel_->stop(); }), 2000);
+  EXPECT_LT(milliseconds_of([this] { channel_->stop(); }), promptly_ms);
   EXPECT_TRUE(ended.is_open());
 }
 
@@ -174,8 +174,8 @@ TEST_F(StopTest, does_not_wait_long_for_a_bus_that_stands_still) {
   bus_.freeze();
   CDBusSignal signal(channel_path, channel_name, "tick");
   ASSERT_TRUE(channel_->send(signal));
-  const int64_t elapsed = milliseconds_of([this] { channel_->stop(); });
-  EXPECT_LT(elapsed, 1500);
+  EXPECT_LT(milliseconds_of([this] { channel_->stop(); }), promptly_ms);
+  EXPECT_LT(milliseconds_of([this] { service_->stop(); }), promptly_ms);
   bus_.thaw();
 }
 
