@@ -70,4 +70,4 @@ def plain(rows):
 def markdown(rows):
     """The table for a page."""
     lines = [TITLES, ("---",) * len(TITLES), *map(cells, rows)]
-    return "\n".join("| " + " | ".join(line) + " |" for line in lines)
+    return "\n".join("| " + " | ".join(text.strip() for text in line) + " |" for line in lines)
