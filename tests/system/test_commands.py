@@ -227,15 +227,31 @@ def test_status_prints_whatever_text_it_is_given_and_takes_nothing_else(gateway)
 
 # status: when something hangs
 
+def start_asking(gateway, client):
+    """Start a status command and wait until it has its name on the bus."""
+    def named_or_ended(command):
+        return client.owner("iot.gateway.quorvanedtools") or command.status is not None
+
+    # A machine that is too busy may keep it from the bus for longer than it tries: then once more.
+    for _ in range(3):
+        command = processes.spawn([gateway.program, "status"])
+        clock.until(lambda command=command: named_or_ended(command), 15, "a status command on the bus")
+        if command.status is None:
+            return command
+    raise AssertionError("no status command came to the bus")
+
+
 @pytest.mark.takes(14)
 def test_a_daemon_that_hangs_costs_ten_seconds_and_is_not_running(gateway):
     gateway.catalogue(Service("svc", monitor=1))
     daemon = gateway.up()
+    client = gateway.bus()
     daemon.signal(signal.SIGSTOP)
-    answer = gateway.status()
+    command = start_asking(gateway, client)
+    assert command.wait(15) == 100
     daemon.signal(signal.SIGCONT)
-    assert not_running(answer)
-    assert REPLY_WAIT <= seconds_of(answer) <= REPLY_WAIT + clock.stretched(1.5)
+    assert not_running(command)
+    assert REPLY_WAIT <= seconds_of(command) <= REPLY_WAIT + clock.stretched(4)
     clock.until(lambda: gateway.status().status == 0, 5, "status 0")
 
 
@@ -245,8 +261,7 @@ def test_of_two_status_commands_at_once_the_second_says_not_running_and_the_firs
     daemon = gateway.up()
     client = gateway.bus()
     daemon.signal(signal.SIGSTOP)
-    first = processes.spawn([gateway.program, "status"])
-    clock.until(lambda: client.owner("iot.gateway.quorvanedtools"), 5, "the first one's name")
+    first = start_asking(gateway, client)
     second = gateway.status()
     assert not_running(second)
     assert seconds_of(second) < clock.stretched(2)
@@ -263,12 +278,11 @@ def test_a_bus_that_hangs_is_given_up_within_15_seconds(gateway, moment):
     client = gateway.bus()
     if moment == "during":
         daemon.signal(signal.SIGSTOP)
+        command = start_asking(gateway, client)
+        os.kill(gateway.pid_of("dbus-daemon"), signal.SIGSTOP)
     else:
         os.kill(gateway.pid_of("dbus-daemon"), signal.SIGSTOP)
-    command = processes.spawn([gateway.program, "status"])
-    if moment == "during":
-        clock.until(lambda: client.owner("iot.gateway.quorvanedtools"), 5, "its name")
-        os.kill(gateway.pid_of("dbus-daemon"), signal.SIGSTOP)
+        command = processes.spawn([gateway.program, "status"])
     assert command.wait(15) == 100
     assert not_running(command)
     assert seconds_of(command) <= 15
@@ -300,7 +314,7 @@ def test_a_stop_command_only_signals_the_daemon_and_pauses_three_seconds(gateway
     pids = {name: gateway.pid_of(name) for name in ("svc", "fota", "RemoteTerminalDaemon", "dbus-daemon")}
     command = gateway.command(word)
     assert said(command) == (0, text)
-    assert PAUSE <= seconds_of(command) <= PAUSE + clock.stretched(1)
+    assert PAUSE <= seconds_of(command) <= PAUSE + clock.stretched(2.5)
     lines = gateway.log.exactly([f"stop, kill -{int(number)} {daemon.pid}"], pid=command.pid)
     assert lines[0].file == "main.cpp"
     # It has not waited for the daemon, which is in its own five seconds.
@@ -357,7 +371,7 @@ def test_a_stopped_daemon_is_signalled_all_the_same_and_ends_when_it_goes_on(gat
     daemon.signal(signal.SIGSTOP)
     command = gateway.command("stop_all")
     assert said(command) == (0, STOPPED)
-    assert PAUSE <= seconds_of(command) <= PAUSE + clock.stretched(1)
+    assert PAUSE <= seconds_of(command) <= PAUSE + clock.stretched(2.5)
     assert processes.alive(pid)
     daemon.signal(signal.SIGCONT)
     assert daemon.wait(10) == 0
@@ -403,7 +417,7 @@ def test_without_a_daemon_the_services_are_killed_in_catalogue_order_and_the_bus
 
     command = gateway.command(word)
     assert said(command) == (0, WORDS[word][1])
-    assert PAUSE <= seconds_of(command) <= PAUSE + clock.stretched(1)
+    assert PAUSE <= seconds_of(command) <= PAUSE + clock.stretched(2.5)
     lines = gateway.log.exactly([NO_DAEMON, *expected, f"kill -9 dbus-daemon({bus_daemon.pid})"])
     # The own process is found under the daemon's name too.
     assert {(line.file, line.pid) for line in lines} == {("main.cpp", command.pid)}
@@ -453,7 +467,7 @@ def stop_with_catalogue(gateway, expected):
     service, bus_daemon = stand_in(gateway, "svc"), lone_bus(gateway)
     command = gateway.command("stop_all")
     assert said(command) == (0, STOPPED)
-    assert PAUSE <= seconds_of(command) <= PAUSE + clock.stretched(1)
+    assert PAUSE <= seconds_of(command) <= PAUSE + clock.stretched(2.5)
     gateway.log.exactly([NO_DAEMON, *[line.format(service.pid) for line in expected],
                          f"kill -9 dbus-daemon({bus_daemon.pid})"])
     assert bus_daemon.status == -signal.SIGKILL
@@ -494,7 +508,7 @@ def test_what_is_no_service_in_the_catalogue_is_passed_over(gateway):
 def test_with_nothing_to_stop_a_stop_command_says_the_same(gateway, word):
     command = gateway.command(word)
     assert said(command) == (0, WORDS[word][1])
-    assert PAUSE <= seconds_of(command) <= PAUSE + clock.stretched(1)
+    assert PAUSE <= seconds_of(command) <= PAUSE + clock.stretched(2.5)
     # It makes no directory for its line.
     assert os.listdir("/quorvane") == []
 

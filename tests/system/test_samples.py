@@ -56,6 +56,12 @@ def state(name):
         return ""
 
 
+def wait_for_first_states():
+    """Wait until the services without a name have done their work once: before it they cannot end well."""
+    for name in STATES:
+        clock.until(lambda name=name: state(name), 15, lambda name=name: f"the state of {name}")
+
+
 def feeds(monitor):
     """The keep-alives that a monitor has shown: bus name, item, seconds."""
     found = re.findall(r'Member=feedDog\n.*\n  MESSAGE "ssi" \{\n +STRING "(.*)";\n +STRING "(.*)";\n +INT32 (-?\d+);',
@@ -154,6 +160,7 @@ def test_ordinary_tools_work_on_the_services(installed):
 @pytest.mark.takes(9)
 def test_every_service_ends_with_status_0_when_it_is_told_to(installed):
     installed.up()
+    wait_for_first_states()
     running = pids(installed)
     client = installed.bus()
     for pid in running.values():
@@ -170,6 +177,7 @@ def test_every_service_ends_with_status_0_when_it_is_told_to(installed):
 def test_when_the_stack_is_restarted_every_service_ends_well_and_comes_back(installed):
     daemon = installed.up()
     up = installed.log.find(UP)[0]
+    wait_for_first_states()
     old = pids(installed)
     installed.bus().reboot()
     installed.log.wait_for(UP, 20, after=up)
@@ -186,6 +194,7 @@ def test_when_the_stack_is_restarted_every_service_ends_well_and_comes_back(inst
 @pytest.mark.limit(120)
 def test_services_that_crash_when_they_are_told_to_come_back_after_the_grace(installed):
     installed.up()
+    wait_for_first_states()
     old = pids(installed)
     client = installed.bus()
     assert client.error(SENSORS, "crash") == "org.freedesktop.DBus.Error.NoReply"
