@@ -8,8 +8,8 @@ namespace Tessaro::Iot::Component {
 
 class CDBusChannel;
 
-// Every operation returns the service's own code (0 success, 100100 the key has no value), or a negative code when there
-// was no reply: the results of CDBusChannel::call, or `refused`.
+// Every operation returns the service's own code (0 success, 100100 the key has no value), or a negative code when
+// there was no reply: the results of CDBusChannel::call, or `refused`.
 // Context: any thread that may call CDBusChannel::call.
 class CConfigAgent {
  public:
