@@ -316,6 +316,8 @@ bool CServiceManager::is_ha_service_switch_on() {
 }
 
 void CServiceManager::get_status(std::string& out) {
+  constexpr size_t usual_line = 96;
+  out.reserve(out.size() + services.size() * usual_line);
   for (ServiceRecord* record : services) {
     if (!still_running()) return;
     if (record->monitor != 0) out += status_line(*record);

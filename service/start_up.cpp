@@ -278,7 +278,8 @@ void CStartup::name_owner_changed_signal_hander(CDBusSignal& signal) {
 void CStartup::get_le_status_member_handler(CDBusRequest& /*request*/, CDBusResponse& response, bool& /*later*/) {
   std::string status;
   service_manager->get_status(status);
-  (void)response.set_string(Text::to_bus_text(status));  // without memory the reply stays empty
+  if (!Text::is_bus_text(status)) status = Text::to_bus_text(status);
+  (void)response.set_string(status);  // without memory the reply stays empty
 }
 
 void CStartup::gateway_tripe_change_member_handler(CDBusRequest& request, CDBusResponse& response, bool& /*later*/) {

@@ -1,11 +1,12 @@
 #include "status_report.h"
 
-#include <cstdio>
+#include <string>
 
 namespace Tessaro::Iot::Component {
 
 std::string status_line(ServiceRecord& record) {
   constexpr size_t limit = 1023;
+  constexpr size_t usual_line = 128;
   int32_t status = 0;
   int32_t pid = 0;
   {
@@ -13,16 +14,19 @@ std::string status_line(ServiceRecord& record) {
     status = record.status;
     pid = record.pid;
   }
-  const char* const name = record.exec.c_str();
-  char line[limit + 1] = {};
+  // Not printf: a report of a thousand lines is asked for while everybody waits.
+  std::string line;
+  line.reserve(usual_line);
+  line.append(status == status_started ? "[  \033[32m+" : "[  \033[0;31m-").append("\033[0m  ]  Service ");
+  line.append(record.exec.c_str());
   if (status != status_started) {
-    (void)std::snprintf(line, limit, "[  \033[0;31m-\033[0m  ]  Service %s is \033[0;31minactive\033[0m\n", name);
+    line += " is \033[0;31minactive\033[0m\n";
   } else if (record.exec == "startSC.sh") {
-    (void)std::snprintf(line, limit, "[  \033[32m+\033[0m  ]  Service %s is \033[32mactive\033[0m\n", name);
+    line += " is \033[32mactive\033[0m\n";
   } else {
-    (void)std::snprintf(line, limit, "[  \033[32m+\033[0m  ]  Service %s is \033[32mactive\033[0m, pid is %d\n", name,
-                        pid);
+    line.append(" is \033[32mactive\033[0m, pid is ").append(std::to_string(pid)) += '\n';
   }
+  if (line.size() >= limit) line.resize(limit - 1);
   return line;
 }
 

@@ -103,7 +103,10 @@ class DBusLink {
                         {wake_->fd(), POLLIN, 0}};
     (void)::poll(entries, 2, timeout_ms);  // interrupted or not: what follows never waits
     if (entries[1].revents != 0) wake_->drain();
+    // libdbus calls for a wake with every message that it reads, but who reads here looks at them before it waits again.
+    reading = true;
     if (dbus_connection_read_write(connection_.get(), 0) == FALSE) lost_ = true;
+    reading = false;
   }
 
   // Dispatches one message: an answer goes to its call, another message into the inbox.
@@ -127,7 +130,11 @@ class DBusLink {
   }
 
  private:
-  static void wake_up(void* wake) noexcept { (*static_cast<std::shared_ptr<DBusWake>*>(wake))->post(); }
+  static inline thread_local bool reading = false;
+
+  static void wake_up(void* wake) noexcept {
+    if (!reading) (*static_cast<std::shared_ptr<DBusWake>*>(wake))->post();
+  }
   static void free_wake(void* wake) noexcept { delete static_cast<std::shared_ptr<DBusWake>*>(wake); }
 
   static DBusHandlerResult collect(DBusConnection* /*connection*/, DBusMessage* message, void* self) noexcept {
