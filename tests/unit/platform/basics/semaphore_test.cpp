@@ -40,6 +40,7 @@ extern "C" int sem_timedwait(sem_t* semaphore, const timespec* deadline) {
 namespace Tessaro::Iot::Component {
 namespace {
 
+using test::least_milliseconds_of;
 using test::milliseconds_of;
 
 TEST(Semaphore, CountsWhatIsPosted) {
@@ -53,7 +54,7 @@ TEST(Semaphore, CountsWhatIsPosted) {
 
 TEST(Semaphore, WithoutTimeDoesNotWait) {
   CSemaphore semaphore;
-  EXPECT_LT(milliseconds_of([&] {
+  EXPECT_LT(least_milliseconds_of([&] {
               EXPECT_FALSE(semaphore.pend(0));
               EXPECT_FALSE(semaphore.pend(-1));
               EXPECT_FALSE(semaphore.pend(std::numeric_limits<int64_t>::min()));
@@ -64,9 +65,9 @@ TEST(Semaphore, WithoutTimeDoesNotWait) {
 TEST(Semaphore, WaitsForItsTime) {
   CSemaphore semaphore;
   for (const int64_t timeout_ms : {1, 150, 1001}) {
-    const int64_t taken = milliseconds_of([&] { EXPECT_FALSE(semaphore.pend(timeout_ms)); });
-    EXPECT_GE(taken, timeout_ms);
-    EXPECT_LT(taken, timeout_ms + 500);
+    const int64_t least = least_milliseconds_of([&] { EXPECT_FALSE(semaphore.pend(timeout_ms)); });
+    EXPECT_GE(least, timeout_ms);
+    EXPECT_LT(least, timeout_ms + 200);
   }
 }
 
@@ -163,8 +164,8 @@ TEST(Time, APauseTakesItsFullTime) {
   const int64_t begin = CTime::getSystemStartupMilliSecond();
   sys::pause_for(120);
   EXPECT_GE(CTime::getSystemStartupMilliSecond() - begin, 120);
-  EXPECT_LT(milliseconds_of([] { sys::pause_for(0); }), 100);
-  EXPECT_LT(milliseconds_of([] { sys::pause_for(-5); }), 100);
+  EXPECT_LT(least_milliseconds_of([] { sys::pause_for(0); }), 100);
+  EXPECT_LT(least_milliseconds_of([] { sys::pause_for(-5); }), 100);
 }
 
 }  // namespace

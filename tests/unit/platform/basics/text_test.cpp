@@ -50,8 +50,12 @@ TEST(Text, AgreesWithTheBusLibraryOnRandomBytes) {
                                        0xDF, 0xE0, 0xE1, 0xED, 0xEE, 0xEF, 0xF0, 0xF1, 0xF3, 0xF4, 0xF5, 0xFF};
   std::mt19937 random(1);
   for (int round = 0; round < rounds; ++round) {
-    std::string text(random() % 6, ' ');
-    for (char& byte : text) byte = static_cast<char>(interesting[random() % sizeof interesting]);
+    // Plain text before them: the check takes it in steps of several bytes.
+    std::string text(random() % 20, 'p');
+    for (size_t count = random() % 6; count > 0; --count) {
+      text += static_cast<char>(interesting[random() % sizeof interesting]);
+    }
+    text += std::string(random() % 20, 'p');
     ASSERT_EQ(is_bus_text(text), dbus_validate_utf8(text.c_str(), nullptr) == TRUE) << testing::PrintToString(text);
   }
 }
