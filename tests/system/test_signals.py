@@ -22,7 +22,7 @@ def caught(number):
 
 def in_time(seconds):
     """A forced exit's duration, seen from outside."""
-    return 5.0 <= seconds <= 5.5 + clock.stretched(1.5)
+    return 5.0 <= seconds <= 5.5 + clock.stretched(4)
 
 
 @pytest.mark.takes(9)
@@ -47,7 +47,7 @@ def test_a_terminating_signal_ends_everything_after_five_seconds_with_status_0(g
     assert [text for text in texts if text not in lost] == expected
     assert not lost or texts.index(lost[0]) > 2
     lines = gateway.log.sequence(caught(number), "quorvaned exit (force)")
-    assert 5.0 <= lines[1] - lines[0] <= 5.5 + clock.stretched(1)
+    assert 5.0 <= lines[1] - lines[0] <= 5.5 + clock.stretched(4)
     processes.wait_gone([pids["one"], pids["two"], pids["dbus-daemon"]], 2)
     assert sorted(processes.everybody()) == sorted([pids["fota"], pids["RemoteTerminalDaemon"]])
 
@@ -154,7 +154,7 @@ def test_a_signal_at_any_moment_is_told_and_ends_the_daemon_in_time(gateway, run
         if gateway.log.has("quorvaned exit (normal)"):
             # The controller was asked to end before its first cycle: it ends by itself.
             assert not gateway.log.has("running dbus daemon")
-            assert 3.0 <= seconds <= 5.5 + clock.stretched(1.5)
+            assert 3.0 <= seconds <= 5.5 + clock.stretched(4)
         else:
             assert in_time(seconds), seconds
             assert gateway.log.has("quorvaned exit (force)", after=told[0])
@@ -212,7 +212,7 @@ def test_a_signal_to_the_whole_process_group_ends_the_daemon_in_the_usual_way(ga
     assert daemon.wait(10) == 0
     # The bus daemon is of the group and ends as well: when that is noticed first, a teardown is under way already
     # and ends by itself.
-    assert 3.0 <= time.monotonic() - begin <= 5.5 + clock.stretched(1.5)
+    assert 3.0 <= time.monotonic() - begin <= 5.5 + clock.stretched(4)
     assert gateway.log.count("caught %s(%d) signal, exit") == 1
 
 
@@ -225,7 +225,7 @@ def test_a_stop_between_two_cycles_starts_nothing_again(gateway):
     gateway.log.wait_for("stop dbus-daemon, kill -15 %d", after=up)
     begin = daemon.signal(signal.SIGTERM)
     assert daemon.wait(15) == 0
-    assert 3.0 <= time.monotonic() - begin <= 5.5 + clock.stretched(1.5)
+    assert 3.0 <= time.monotonic() - begin <= 5.5 + clock.stretched(4)
     assert gateway.log.count(UP) == 1
     assert not gateway.log.has("running dbus daemon", after=up)
     clock.until(lambda: not processes.everybody(), 2, "an empty machine")
@@ -241,7 +241,7 @@ def test_a_stop_during_a_restart_of_the_stack_ends_in_time(gateway, moment):
     time.sleep(moment)
     begin = daemon.signal(signal.SIGTERM)
     assert daemon.wait(15) == 0
-    assert 3.0 <= time.monotonic() - begin <= 5.5 + clock.stretched(1.5)
+    assert 3.0 <= time.monotonic() - begin <= 5.5 + clock.stretched(4)
     told, = gateway.log.find(caught(signal.SIGTERM))
     assert not gateway.log.has(UP, after=told)
     assert gateway.log.count(UP, after=up) <= 1
