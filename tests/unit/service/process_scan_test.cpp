@@ -59,7 +59,12 @@ class ProcessScan : public testing::Test {
     EXPECT_TRUE(find_processes_by_name(name, pids));
     return pids;
   }
-  const std::filesystem::path inside = std::filesystem::path(get_install_root()) / "probe-inside";
+  void SetUp() override { std::filesystem::create_directories(inside.parent_path()); }
+  void TearDown() override { std::filesystem::remove_all(inside.parent_path()); }
+
+  // A directory for each test: they run side by side, and a program that runs cannot be written.
+  const std::filesystem::path inside = std::filesystem::path(get_install_root()) /
+                                       testing::UnitTest::GetInstance()->current_test_info()->name() / "probe-inside";
 };
 
 TEST_F(ProcessScan, FindsAProgramOfThisInstallationByNameOrPath) {
