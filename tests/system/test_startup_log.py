@@ -64,7 +64,7 @@ def test_the_source_file_of_a_line_is_the_one_with_that_role(gateway, text, file
 
 def test_lines_tell_local_time(gateway):
     gateway.prepare_run_directory()
-    process = gateway.command("a", "b", env={**os.environ, "TZ": "XXX-05:45"})
+    process = gateway.command("a", "b", env={**os.environ, "TZ": "TST-05:45"})
     now = datetime.datetime.now(datetime.timezone(datetime.timedelta(hours=5, minutes=45))).replace(tzinfo=None)
     assert process.status == 255
     for event in gateway.log.events():
@@ -72,7 +72,7 @@ def test_lines_tell_local_time(gateway):
 
 
 def test_signal_lines_tell_local_time_too(gateway):
-    daemon = gateway.up(env={**os.environ, "TZ": "XXX+03:30"})
+    daemon = gateway.up(env={**os.environ, "TZ": "TST+03:30"})
     daemon.signal(15)
     caught = gateway.log.wait_for("caught Terminated(15) signal, exit")
     now = datetime.datetime.now(datetime.timezone(datetime.timedelta(hours=-3, minutes=-30))).replace(tzinfo=None)
