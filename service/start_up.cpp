@@ -331,7 +331,7 @@ void CStartup::reboot_member_handler(CDBusRequest& /*request*/, CDBusResponse& /
 }
 
 void CStartup::request_restart() {
-  // An upgrade's teardown keeps it, whoever asks for a restart meanwhile. One store, since that teardown may be reading.
+  // An upgrade's teardown keeps it, whoever asks for a restart meanwhile. One store: that teardown may be reading.
   keep_remote_debug = upgrading ? 1 : 0;
   interrupt_cycle();
 }

@@ -18,7 +18,7 @@ std::string status_line(ServiceRecord& record) {
   std::string line;
   line.reserve(usual_line);
   line.append(status == status_started ? "[  \033[32m+" : "[  \033[0;31m-").append("\033[0m  ]  Service ");
-  line.append(record.exec.c_str());
+  line.append(record.exec, 0, record.exec.find('\0'));  // as far as "%s" would show it
   if (status != status_started) {
     line += " is \033[0;31minactive\033[0m\n";
   } else if (record.exec == "startSC.sh") {

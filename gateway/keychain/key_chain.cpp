@@ -83,7 +83,8 @@ int digit_value(char c) {
 class Place {
  public:
   // Opens the directory, making it when it is missing. A link or a directory of somebody else's is not trusted.
-  Place(const Descriptor& root, std::string path, const char* name) : path_(std::move(path)), directory_(open(root, name)) {
+  Place(const Descriptor& root, std::string path, const char* name)
+      : path_(std::move(path)), directory_(open(root, name)) {
     struct stat status {};
     if (::fstat(directory_.get(), &status) != 0) fail(path_);
     if (status.st_uid != ::geteuid()) throw Problem{path_ + ": belongs to another user"};

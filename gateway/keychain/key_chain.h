@@ -25,10 +25,10 @@ std::optional<Key> parse_key_chain(std::string_view text);
 
 // What `deploy_key_chain` has done.
 enum class Deployed {
-  present,       // both were there
-  created,       // there was none; a new one has been made, with its copy
-  copied,        // the copy was missing or damaged and has been made again
-  restored,      // the key chain was missing or damaged and has been restored from its copy
+  present,   // both were there
+  created,   // there was none; a new one has been made, with its copy
+  copied,    // the copy was missing or damaged and has been made again
+  restored,  // the key chain was missing or damaged and has been restored from its copy
 };
 
 // Sees to it that the key chain and its copy are there below the root: mode 0600 in directories of mode 0700, made

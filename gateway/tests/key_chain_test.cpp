@@ -10,8 +10,8 @@
 
 namespace {
 
-using gateway::Deployed;
 using gateway::deploy_key_chain;
+using gateway::Deployed;
 namespace fs = std::filesystem;
 
 class KeyChain : public testing::Test {

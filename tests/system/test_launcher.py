@@ -130,9 +130,10 @@ def test_after_30_seconds_of_silence_the_launcher_ends_and_the_start_goes_on(gat
     assert processes.alive(daemon)
 
 
+@pytest.mark.takes(6)
 @pytest.mark.parametrize("number", [signal.SIGKILL, signal.SIGINT, signal.SIGHUP])
 def test_a_launcher_that_is_killed_leaves_the_start_alone(gateway, number):
-    gateway.catalogue(Service("slow", delay=1.5), Service("last"))
+    gateway.catalogue(Service("slow", delay=5), Service("last"))
     launcher = gateway.launch()
     daemon = gateway.daemon_of(launcher)
     launcher.stdout.wait_for("running slow service", 10)
