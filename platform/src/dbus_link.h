@@ -103,7 +103,7 @@ class DBusLink {
                         {wake_->fd(), POLLIN, 0}};
     (void)::poll(entries, 2, timeout_ms);  // interrupted or not: what follows never waits
     if (entries[1].revents != 0) wake_->drain();
-    // libdbus calls for a wake with every message that it reads, but who reads here looks at them before it waits again.
+    // libdbus calls for a wake with every message that it reads; who reads here looks at them before it waits again.
     reading = true;
     if (dbus_connection_read_write(connection_.get(), 0) == FALSE) lost_ = true;
     reading = false;

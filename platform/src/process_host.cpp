@@ -19,10 +19,11 @@
 // One thread does the first and the last four of these, so they cannot overlap. It forks and lets the starter store the
 // pid before it looks for deaths again, so a death always finds the pid that it belongs to, however fast the child was.
 // It looks for deaths without reaping: while a child is a zombie the kernel keeps its number, so everybody who still
-// reads that number means this child. Only after the owner was told, and has cleared the pid if it keeps one, does it strike the child from the
-// table and reap it, in one step under the lock that every sender holds while it looks its target up and signals it. A
-// sender therefore finds the child in the table, and then its number is still taken, or does not find it and sends
-// nothing. The serial tells two children apart that were given the same number one after the other.
+// reads that number means this child. Only after the owner was told, and has cleared the pid if it keeps one, does it
+// strike the child from the table and reap it, in one step under the lock that every sender holds while it looks its
+// target up and signals it. A sender therefore finds the child in the table, and then its number is still taken, or
+// does not find it and sends nothing. The serial tells two children apart that were given the same number one after
+// the other.
 
 namespace Tessaro::Iot::Component {
 
