@@ -40,8 +40,8 @@ CSpawnPlan common_plan(const std::string& exec, const std::list<std::string>& ar
 
 }  // namespace
 
-// The scene service is deliberately asymmetric: started as "scene" it has a special starter and the common stop; started
-// through its script, the common start and a special stop.
+// The scene service is deliberately asymmetric: started as "scene" it has a special starter and the common stop;
+// started through its script, the common start and a special stop.
 CServiceControl::CServiceControl(CDBusChannel* channel, CConfigAgent* agent)
     : start_handlers{{"dbus-daemon", [this](ServiceRecord* record) { return start_dbus_daemon(record); }},
                      {"nginx", [this](ServiceRecord* record) { return start_ngnix_service(record); }},

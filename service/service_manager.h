@@ -32,8 +32,8 @@ class CDBusChannel;
 class CServiceManager : public CThread {
  public:
   // `watchdog_channel` is handed on to service control. `progress_fd` receives the progress lines while it is greater
-  // than 0, and is closed by start_monitor. `is_running` ends every loop of the manager when it returns false; an empty one
-  // counts as true. `config_agent` is not owned. The thread is not started here.
+  // than 0, and is closed by start_monitor. `is_running` ends every loop of the manager when it returns false; an empty
+  // one counts as true. `config_agent` is not owned. The thread is not started here.
   // Context: main thread.
   CServiceManager(CDBusChannel* watchdog_channel, int32_t progress_fd, TFunction0<bool> is_running,
                   CConfigAgent* config_agent);

@@ -32,8 +32,8 @@ enum class Deployed {
 };
 
 // Sees to it that the key chain and its copy are there below the root: mode 0600 in directories of mode 0700, made
-// with an umask that leaves the own user his rights. What is damaged is kept beside it under another name. Whenever it is
-// interrupted, each file is whole or not there, and the next call goes on. Only one such call works at a time.
+// with an umask that leaves the own user his rights. What is damaged is kept beside it under another name. Whenever it
+// is interrupted, each file is whole or not there, and the next call goes on. Only one such call works at a time.
 // None when it cannot be done; `problem` then tells why, in one line.
 std::optional<Deployed> deploy_key_chain(const std::string& root, std::string& problem);
 
