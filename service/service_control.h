@@ -44,8 +44,8 @@ class CServiceControl {
   // The common stop. Returns the pid when it is less than 2 and nothing was done, else the result of the signal.
   int32_t kill_service(ServiceRecord* record, bool force);
 
-  // Waits up to `timeout_ms` for the last stop script that stop_service has started, so that the end of the process does
-  // not kill it before it did anything.
+  // Waits up to `timeout_ms` for the last stop script that stop_service has started, so that the end of the process
+  // does not kill it before it did anything.
   // Context: the main thread's forced exit.
   void wait_for_stop_script(int64_t timeout_ms);
 
