@@ -108,20 +108,30 @@ void BusService::feed_dog(const std::string& item, std::chrono::seconds until_ne
 }
 
 bool BusService::serve(std::chrono::milliseconds time) {
-  const auto end = std::chrono::steady_clock::now() + time;
+  // poll passes over a negative descriptor.
+  return serve_until(std::chrono::steady_clock::now() + time, -1);
+}
+
+bool BusService::serve_until_readable(int descriptor) {
+  return serve_until(std::chrono::steady_clock::time_point::max(), descriptor);
+}
+
+bool BusService::serve_until(std::chrono::steady_clock::time_point end, int descriptor) {
+  bool readable = false;
   int bus = -1;
   dbus_connection_get_unix_fd(connection_, &bus);
   while (!stop_.stopped()) {
-    // What is queued is written, what has arrived is read and answered, and only then the time is asked for.
+    // What is queued is written, what has arrived is read and answered, and only then the end is asked for.
     if (!dbus_connection_read_write(connection_, 0)) return false;
     while (dbus_connection_dispatch(connection_) == DBUS_DISPATCH_DATA_REMAINS) {
     }
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-    if (left.count() <= 0) return true;
+    if (readable || left.count() <= 0) return true;
     short events = POLLIN;
     if (dbus_connection_has_messages_to_send(connection_)) events |= POLLOUT;
-    pollfd ready[] = {{bus, events, 0}, {stop_.descriptor_, POLLIN, 0}};
-    ::poll(ready, 2, static_cast<int>(std::min<std::int64_t>(left.count(), INT32_MAX)));
+    pollfd ready[] = {{bus, events, 0}, {stop_.descriptor_, POLLIN, 0}, {descriptor, POLLIN, 0}};
+    readable = ::poll(ready, 3, static_cast<int>(std::min<std::int64_t>(left.count(), INT32_MAX))) > 0 &&
+               ready[2].revents != 0;
     stop_.take();
   }
   return false;

@@ -69,7 +69,11 @@ class BusService {
   // Answers calls for that time. False when the service is to end: it was told to stop, or the bus is gone.
   [[nodiscard]] bool serve(std::chrono::milliseconds time);
 
+  // The same until there is something to be read from the descriptor, be it its end.
+  [[nodiscard]] bool serve_until_readable(int descriptor);
+
  private:
+  bool serve_until(std::chrono::steady_clock::time_point end, int descriptor);
   static DBusHandlerResult on_message(DBusConnection* connection, DBusMessage* message, void* self);
   DBusHandlerResult answer(DBusMessage* call);
 

@@ -1,8 +1,8 @@
 #!/bin/bash
 # display: keeps the line for the gateway's display, with the temperature that the sensor service tells.
 #
-# A shell service that asks another one over the bus. It has no bus name of its own, so the supervisor waits the
-# catalogue's "delay" after its start.
+# A shell service with a bus name and a keep-alive, that asks another one over the bus. A reply is waited for two
+# seconds at most, so that the keep-alive is fed in time, and the service ends in time when it is told to.
 #
 # usage: display.sh BUS_NAME, the name being that of the sensor service
 
@@ -16,7 +16,10 @@ temperature() {
         --dest="$sensors" "/${sensors//.//}" "$sensors.read" 2>/dev/null
 }
 
+hold_name iot.gateway.display
+
 while :; do
+    feed_dog main 20
     # The reply reads "   double 20.5".
     value=$(temperature | awk '$1 == "double" { printf "%.1f C", $2 }')
     echo "temperature ${value:-unknown}" | write_state display

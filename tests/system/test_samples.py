@@ -20,8 +20,11 @@ SERVICES = ["device-registry", "sensor-hub.py", "clock-watch", "modem-watch.sh",
 MONITORED = SERVICES[:-1]
 DEVICES = ("iot.gateway.devices", "/iot/gateway/devices", "iot.gateway.devices")
 SENSORS = ("iot.gateway.sensors", "/iot/gateway/sensors", "iot.gateway.sensors")
-NAMED = {DEVICES[0]: "device-registry", SENSORS[0]: "sensor-hub.py"}
-FEEDS = {DEVICES[0]: ("registry", 15), SENSORS[0]: ("sensors", 10)}  # item and seconds of each
+DISPLAY = "iot.gateway.display"
+HOLDER = "hold-name"  # holds the name of a shell service
+NAMED = {DEVICES[0]: "device-registry", SENSORS[0]: "sensor-hub.py", DISPLAY: "display.sh"}
+# Item and seconds of each.
+FEEDS = {DEVICES[0]: ("registry", 15), SENSORS[0]: ("sensors", 10), DISPLAY: ("main", 20)}
 STATES = {"clock-watch": r"steps \d+\nlast_ms -?\d+\n", "modem-watch": r"(online|offline)\n",
           "display": r"temperature -?\d+\.\d C\n", "housekeeping": r"load [\d.]+\nused \d+%\n"}
 
@@ -40,6 +43,17 @@ def installed(gateway):
 def pids(gateway):
     """The process of each service."""
     return {name: gateway.pid_of(name) for name in SERVICES}
+
+
+def service_of(client, name):
+    """The process of the service that has the name, be it by a holder; 0 when nobody has it."""
+    pid = client.owner(name) and client.pid_of(name)
+    return int((processes.status_field(pid, "PPid") if processes.program(pid) == HOLDER else pid) or 0)
+
+
+def names_of(client):
+    """The process of each service that has a name, by the name."""
+    return {name: service_of(client, name) for name in NAMED}
 
 
 def report_of(running):
@@ -96,9 +110,9 @@ def test_the_launcher_brings_up_every_service_of_the_example_catalogue_in_its_or
 def test_the_services_take_their_names_before_the_next_one_is_started(installed):
     installed.up()
     client = installed.bus()
-    assert {name: client.pid_of(name) for name in NAMED} == {name: installed.pid_of(exec_name)
-                                                            for name, exec_name in NAMED.items()}
-    for exec_name, after in (("device-registry", "sensor-hub.py"), ("sensor-hub.py", "clock-watch")):
+    assert names_of(client) == {name: installed.pid_of(exec_name) for name, exec_name in NAMED.items()}
+    for exec_name, after in (("device-registry", "sensor-hub.py"), ("sensor-hub.py", "clock-watch"),
+                             ("display.sh", "housekeeping.sh")):
         lines = installed.log.sequence(f"run {exec_name} pid %d", f"running {after} service")
         assert lines[1] - lines[0] < 5  # it was not sat out
 
@@ -169,7 +183,8 @@ def test_every_service_ends_with_status_0_when_it_is_told_to(installed):
         # The shell services finish the command that they wait for, at most.
         installed.log.wait_for(f"wait pid({pid}) status(0)", 4)
         installed.log.wait_for(f"process_exit, service({name}) is abnormal")
-    assert {name: client.owner(name) for name in NAMED} == dict.fromkeys(NAMED, "")
+    processes.wait_gone(processes.running(HOLDER), 2)
+    clock.until(lambda: not any(client.owner(name) for name in NAMED), 2, "the end of the names")
     assert client.report().count("inactive") == len(MONITORED)
 
 
@@ -185,9 +200,57 @@ def test_when_the_stack_is_restarted_every_service_ends_well_and_comes_back(inst
         installed.log.wait_for(f"wait pid({pid}) status(0)", 4)
         assert installed.pid_of(name) != pid
     assert installed.bus().report() == report_of(pids(installed))
-    assert {name: installed.bus().pid_of(name) for name in NAMED} == {name: installed.pid_of(exec_name)
-                                                                     for name, exec_name in NAMED.items()}
+    assert names_of(installed.bus()) == {name: installed.pid_of(exec_name) for name, exec_name in NAMED.items()}
+    assert len(processes.running(HOLDER)) == 1
     assert daemon.alive()
+
+
+@pytest.mark.takes(9)
+def test_a_name_is_given_back_when_its_shell_service_is_killed_in_the_middle_of_a_command(installed):
+    installed.up()
+    client = installed.bus()
+    holder = client.pid_of(DISPLAY)
+    assert processes.running(HOLDER) == [holder]
+    # The service asks it and waits, in a subshell. Its first question has been answered by then.
+    wait_for_first_states()
+    os.kill(installed.pid_of("sensor-hub.py"), signal.SIGSTOP)
+    asking = clock.until(lambda: processes.running("dbus-send"), 10, "the question to the sensor service")
+    os.kill(installed.pid_of("display.sh"), signal.SIGKILL)
+    processes.wait_gone([holder], 1)
+    assert any(processes.alive(pid) for pid in asking)
+    clock.until(lambda: not client.owner(DISPLAY), 1, "the end of the name")
+
+
+def test_a_shell_service_ends_when_nobody_holds_its_name(installed):
+    installed.up()
+    wait_for_first_states()
+    os.kill(installed.bus().pid_of(DISPLAY), signal.SIGKILL)
+    line = installed.log.wait_for(f"wait pid({installed.pid_of('display.sh')}) status(%d)")
+    assert os.waitstatus_to_exitcode(line.values[0]) == 1
+
+
+def test_the_holder_of_a_name_feeds_what_it_is_told_and_ends_with_its_input(installed):
+    installed.up()
+    client = installed.bus()
+    monitor = watch_feeds()
+    program = installed.path("lib/" + HOLDER)
+    lines = ["some item 7", "no-number", "no-number x", "too-many 99999999999", "", "wrong-text-\xff 5", "last 0"]
+    with subprocess.Popen([program, "iot.test.held"], stdin=subprocess.PIPE) as holder:
+        clock.until(lambda: client.owner("iot.test.held"), 5, "the name")
+        holder.stdin.write("\n".join(lines + ["cut off"]).encode("latin-1"))
+        holder.stdin.flush()
+        clock.until(lambda: ("iot.test.held", "last", 0) in feeds(monitor), 5, lambda: str(feeds(monitor)))
+        assert [feed for feed in feeds(monitor) if feed[0] == "iot.test.held"] \
+            == [("iot.test.held", "some item", 7), ("iot.test.held", "last", 0)]
+        holder.stdin.close()
+        assert holder.wait(5) == 0
+    assert client.owner("iot.test.held") == ""
+    with subprocess.Popen([program, "iot.test.held"], stdin=subprocess.PIPE) as holder:
+        clock.until(lambda: client.owner("iot.test.held"), 5, "the name")
+        holder.terminate()
+        assert holder.wait(5) == 0
+    for words in ([], ["no name"], ["iot.one", "iot.two"]):
+        assert subprocess.run([program, *words], stdin=subprocess.DEVNULL, check=False).returncode == 1
 
 
 @pytest.mark.takes(45)
@@ -229,9 +292,10 @@ def test_services_that_fall_silent_or_are_stuck_are_replaced(installed):
     client = installed.bus()
     monitor = watch_feeds()
     client.call(SENSORS, "fall_silent")
-    os.kill(old["device-registry"], signal.SIGSTOP)
+    for name in ("device-registry", "display.sh"):
+        os.kill(old[name], signal.SIGSTOP)
     before = feeds(monitor).count((SENSORS[0], *FEEDS[SENSORS[0]]))
-    for name in ("device-registry", "sensor-hub.py"):
+    for name in ("device-registry", "sensor-hub.py", "display.sh"):
         again = installed.log.wait_for(f"run {name} pid %d", GRACE + 15, count=2)
         assert again - installed.log.find(f"run {name} pid %d")[0] >= GRACE
         installed.log.sequence(f"threadProc, service({name}) status(0) is abnormal", f"kill -15 {name}({old[name]})",
@@ -241,11 +305,12 @@ def test_services_that_fall_silent_or_are_stuck_are_replaced(installed):
     clock.until(lambda: client.owner(SENSORS[0]) and client.pid_of(SENSORS[0]) == installed.pid_of("sensor-hub.py"), 10,
                 "the name of the new process")
     clock.until(lambda: feeds(monitor).count((SENSORS[0], *FEEDS[SENSORS[0]])) > before, 10, "keep-alives again")
-    # The new process waits for the name that the stuck one holds, and gets it when that one comes to.
-    assert client.pid_of(DEVICES[0]) == old["device-registry"]
-    os.kill(old["device-registry"], signal.SIGCONT)
-    installed.log.wait_for(f"wait pid({old['device-registry']}) status(0)", 5)
-    clock.until(lambda: client.owner(DEVICES[0]) and client.pid_of(DEVICES[0]) == installed.pid_of("device-registry"), 5,
-                "the name of the new process")
+    # The new processes wait for the names that the stuck ones hold, and get them when those come to.
+    for bus_name, name in ((DEVICES[0], "device-registry"), (DISPLAY, "display.sh")):
+        assert service_of(client, bus_name) == old[name]
+        os.kill(old[name], signal.SIGCONT)
+        installed.log.wait_for(f"wait pid({old[name]}) status(0)", 5)
+        clock.until(lambda bus_name=bus_name, name=name: service_of(client, bus_name) == installed.pid_of(name), 5,
+                    "the name of the new process")
     assert list(client.call(DEVICES, "list")) == []
     assert client.report() == report_of(pids(installed))
