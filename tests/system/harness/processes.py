@@ -126,7 +126,7 @@ def spawn(argv, *, stdin="/dev/null", output=True, stderr=None, cwd=None, env=No
     if pid == 0:
         try:
             signal.setitimer(signal.ITIMER_REAL, 0)
-            for number in (signal.SIGALRM, signal.SIGPIPE, signal.SIGXFSZ, signal.SIGINT):
+            for number in (signal.SIGALRM, signal.SIGPIPE, signal.SIGXFSZ, signal.SIGINT, signal.SIGHUP, signal.SIGTERM):
                 signal.signal(number, signal.SIG_DFL)
             if cwd is not None:
                 os.chdir(cwd)
