@@ -114,3 +114,10 @@ def gateway(request):
 
 
 
+
+
+@pytest.fixture
+def installed(gateway):
+    """The reference gateway as an installation puts it in place, and nothing of the tests' own."""
+    gateway.install(staging.build_directory())
+    return gateway

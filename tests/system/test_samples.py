@@ -2,20 +2,19 @@
 
 import os
 import re
-import shutil
 import signal
 import stat
 import subprocess
 
 import pytest
-from harness import clock, processes, staging
+from harness import clock, processes
 from harness.bus import ADDRESS, WATCHDOG
 from harness.gateway import RUN, UP
 
 ACTIVE = "[  \033[32m+\033[0m  ]  Service {} is \033[32mactive\033[0m, pid is {}\n"
 GRACE = 30
 
-# In the order of the example catalogue.
+# The samples, in the order of the example catalogue.
 SERVICES = ["device-registry", "sensor-hub.py", "clock-watch", "modem-watch.sh", "display.sh", "housekeeping.sh"]
 MONITORED = SERVICES[:-1]
 DEVICES = ("iot.gateway.devices", "/iot/gateway/devices", "iot.gateway.devices")
@@ -29,15 +28,11 @@ STATES = {"clock-watch": r"steps \d+\nlast_ms -?\d+\n", "modem-watch": r"(online
           "display": r"temperature -?\d+\.\d C\n", "housekeeping": r"load [\d.]+\nused \d+%\n"}
 
 
-@pytest.fixture
-def installed(gateway):
-    """The gateway as an installation puts it in place, and nothing of the tests' own."""
-    for directory in ("bin", "config"):
-        shutil.rmtree(gateway.path(directory))
-    for component in ("daemon", "gateway"):
-        subprocess.run(["cmake", "--install", staging.build_directory(), "--component", component, "--prefix",
-                        gateway.root], check=True, stdout=subprocess.DEVNULL)
-    return gateway
+@pytest.fixture(name="installed")
+def installed_samples(installed):
+    """The installation with the samples alone in its catalogue."""
+    installed.keep_only(*SERVICES)
+    return installed
 
 
 def pids(gateway):

@@ -4,6 +4,7 @@ import json
 import os
 import shutil
 import signal
+import subprocess
 import time
 
 from . import clock, processes
@@ -116,6 +117,22 @@ class Gateway:
         """Write the catalogue as it is: text or bytes."""
         with open(self.path("config/services.json"), "wb") as file:
             file.write(content if isinstance(content, bytes) else content.encode())
+
+    def install(self, build):
+        """Replace what is here by an installation of the daemon and the reference gateway from a build directory."""
+        for directory in ("bin", "config"):
+            shutil.rmtree(self.path(directory))
+        for component in ("daemon", "gateway"):
+            subprocess.run(["cmake", "--install", build, "--component", component, "--prefix", self.root], check=True,
+                           stdout=subprocess.DEVNULL)
+
+    def keep_only(self, *names):
+        """Leave only these services in an installed catalogue, in its order."""
+        with open(self.path("config/services.json"), encoding="utf-8") as file:
+            entries = json.load(file)
+        kept = [entry for entry in entries if entry["exec"] in names]
+        assert len(kept) == len(names), f"the catalogue does not have all of {names}"
+        self.raw_catalogue(json.dumps(kept, indent=1))
 
     # Running things
 
