@@ -40,9 +40,21 @@ constexpr const char* quorvaned_path = "/iot/gateway/quorvaned";
 constexpr const char* config_service_name = "iot.dmp.configmanager";
 constexpr const char* logging_service_name = "iot.gateway.logger";
 
+constexpr std::array<const char*, 3> identity_keys = {"gw_system_productkey", "gw_system_devicename",
+                                                      "gw_system_devicesecret"};
+constexpr std::array<const char*, 3> access_server_keys = {"gw_system_as_host", "gw_system_as_port",
+                                                           "gw_system_ver_ca"};
+constexpr std::array<const char*, 3> remote_access_keys = {"gw_remoteaccess_cloud_host", "gw_remoteaccess_cloud_port",
+                                                           "gw_remoteaccess_tls_type"};
+
 template <class Group>
 bool is_complete(const Group& group) {
   return std::none_of(group.begin(), group.end(), [](const std::string& value) { return value.empty(); });
+}
+
+// Whether a call may have reached the configuration service.
+bool is_delivered(int32_t result) {
+  return result != CDBusChannel::call_closed && result != CDBusChannel::call_unanswerable;
 }
 
 // In full, also on a thread that has been cancelled.
@@ -357,12 +369,23 @@ bool CStartup::read_current(const char* key, std::string& value) {
   return false;
 }
 
-// Returns false when the current identity could not be read, or the calls may have been cut short by a teardown:
-// everything stays pending then. `unfinished`: it was cut short before, and what is stored may be half of it.
+// Returns false when a value may not have reached the configuration service: it has left, or the bus has, or a teardown
+// ends the calls. What it answers, and whether it answers in time, is deliberately not looked at.
+bool CStartup::write_group(const Keys& keys, const Group& values, bool last_is_protected) {
+  bool all_delivered = true;
+  for (size_t i = 0; i < keys.size(); ++i) {
+    const bool is_protected = last_is_protected && i + 1 == keys.size();
+    all_delivered &= is_delivered(config_agent->set_config(keys[i], values[i], config_timeout_ms, is_protected));
+  }
+  return all_delivered && is_running();
+}
+
+// Returns false when the current identity could not be read, or the calls may have been cut short: everything stays
+// pending then. `unfinished`: they were cut short before, and what is stored may be half of it.
 bool CStartup::sync_identity_group(const Group& wanted, bool unfinished) {
   std::string product_key;
   std::string device_name;
-  if (!read_current("gw_system_productkey", product_key) || !read_current("gw_system_devicename", device_name)) {
+  if (!read_current(identity_keys[0], product_key) || !read_current(identity_keys[1], device_name)) {
     return false;
   }
   STARTUP_LOG("check current gw_system_productkey=%s gw_system_devicename=%s", product_key.c_str(),
@@ -375,17 +398,21 @@ bool CStartup::sync_identity_group(const Group& wanted, bool unfinished) {
   }
   if (!product_key.empty() && !device_name.empty()) {
     STARTUP_LOG("reset config-manager");
-    (void)config_agent->reset_config(config_long_timeout_ms);  // not examined: the new identity is written anyhow
-    if (!is_running()) return false;
+    // Refused or too late: the new identity is written anyhow.
+    if (!is_delivered(config_agent->reset_config(config_long_timeout_ms)) || !is_running()) return false;
     STARTUP_LOG("clean business runtime data");
     clean_runtime_data();
   }
   STARTUP_LOG("set config gw_system_productkey=%s gw_system_devicename=%s", wanted[0].c_str(), wanted[1].c_str());
-  (void)config_agent->set_config("gw_system_productkey", wanted[0], config_timeout_ms, false);
-  (void)config_agent->set_config("gw_system_devicename", wanted[1], config_timeout_ms, false);
-  (void)config_agent->set_config("gw_system_devicesecret", wanted[2], config_timeout_ms, true);
-  (void)config_agent->flush_config(config_long_timeout_ms);
-  return is_running();
+  const bool written = write_group(identity_keys, wanted, true);
+  return is_delivered(config_agent->flush_config(config_long_timeout_ms)) && written && is_running();
+}
+
+bool CStartup::sync_endpoint(const Keys& keys, const Group& wanted) {
+  if (!is_complete(wanted)) return true;
+  STARTUP_LOG("set config %s=%s %s=%s %s=%s", keys[0], wanted[0].c_str(), keys[1], wanted[1].c_str(), keys[2],
+              wanted[2].c_str());
+  return write_group(keys, wanted, false);
 }
 
 void CStartup::sync_gateway_identity() {
@@ -395,24 +422,10 @@ void CStartup::sync_gateway_identity() {
     wanted = pending;
   }
   if (is_complete(wanted.identity) && !sync_identity_group(wanted.identity, wanted.unfinished)) return;
-  if (is_complete(wanted.access_server)) {
-    const Group& values = wanted.access_server;
-    STARTUP_LOG("set config gw_system_as_host=%s gw_system_as_port=%s gw_system_ver_ca=%s", values[0].c_str(),
-                values[1].c_str(), values[2].c_str());
-    (void)config_agent->set_config("gw_system_as_host", values[0], config_timeout_ms, false);
-    (void)config_agent->set_config("gw_system_as_port", values[1], config_timeout_ms, false);
-    (void)config_agent->set_config("gw_system_ver_ca", values[2], config_timeout_ms, false);
-  }
-  if (is_complete(wanted.remote_access)) {
-    const Group& values = wanted.remote_access;
-    STARTUP_LOG("set config gw_remoteaccess_cloud_host=%s gw_remoteaccess_cloud_port=%s gw_remoteaccess_tls_type=%s",
-                values[0].c_str(), values[1].c_str(), values[2].c_str());
-    (void)config_agent->set_config("gw_remoteaccess_cloud_host", values[0], config_timeout_ms, false);
-    (void)config_agent->set_config("gw_remoteaccess_cloud_port", values[1], config_timeout_ms, false);
-    (void)config_agent->set_config("gw_remoteaccess_tls_type", values[2], config_timeout_ms, false);
-  }
-  // A teardown ends the calls that wait, in whatever way: what may not have arrived is applied again next time.
-  if (!is_running()) return;
+  const bool access_server_written = sync_endpoint(access_server_keys, wanted.access_server);
+  const bool remote_access_written = sync_endpoint(remote_access_keys, wanted.remote_access);
+  // What may not have arrived is applied again next time.
+  if (!access_server_written || !remote_access_written || !is_running()) return;
   const std::lock_guard guard(pending_lock);
   pending.access_server = {};
   pending.remote_access = {};

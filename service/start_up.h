@@ -63,6 +63,7 @@ class CStartup : public Component::CThread {
  private:
   // One group of three strings that are applied together.
   using Group = std::array<std::string, 3>;
+  using Keys = std::array<const char*, 3>;
   struct Pending {
     Group identity;           // product_key, device_name, device_secret
     Group access_server;      // as_host, as_port, ver_ca
@@ -91,6 +92,8 @@ class CStartup : public Component::CThread {
   void start_upgrade_member_handler(Component::CDBusRequest& request, Component::CDBusResponse& response, bool& later);
   void sync_gateway_identity();
   [[nodiscard]] bool sync_identity_group(const Group& wanted, bool unfinished);
+  [[nodiscard]] bool sync_endpoint(const Keys& keys, const Group& wanted);
+  [[nodiscard]] bool write_group(const Keys& keys, const Group& values, bool last_is_protected);
   void sync_ha_switch();
   [[nodiscard]] bool read_current(const char* key, std::string& value);
   void request_restart();

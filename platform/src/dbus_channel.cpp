@@ -313,7 +313,12 @@ int32_t CDBusChannel::Impl::call(const CDBusRequest& request, CDBusResponse& res
       break;
   }
   DBusMessagePtr reply = call.take_answer();
-  if (!reply || dbus_message_get_type(reply.get()) != DBUS_MESSAGE_TYPE_METHOD_RETURN) return call_failed;
+  if (!reply) return call_failed;
+  if (dbus_message_has_sender(reply.get(), DBUS_SERVICE_DBUS) != FALSE &&
+      dbus_message_get_type(reply.get()) == DBUS_MESSAGE_TYPE_ERROR) {
+    return call_unanswerable;
+  }
+  if (dbus_message_get_type(reply.get()) != DBUS_MESSAGE_TYPE_METHOD_RETURN) return call_failed;
   response = CDBusResponse(std::move(reply));
   return 0;
 }

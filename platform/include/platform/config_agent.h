@@ -13,7 +13,7 @@ class CDBusChannel;
 // Context: any thread that may call CDBusChannel::call.
 class CConfigAgent {
  public:
-  static constexpr int32_t refused = -4;  // the key or the value is no text that the bus carries; nothing was sent
+  static constexpr int32_t refused = -5;  // the key or the value is no text that the bus carries; nothing was sent
 
   // `channel` carries the calls and must outlive the agent; `client_name` is the caller's bus name.
   CConfigAgent(CDBusChannel* channel, std::string client_name);

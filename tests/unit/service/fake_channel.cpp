@@ -1,5 +1,7 @@
 #include "fake_channel.h"
 
+#include <algorithm>
+#include <string>
 #include <utility>
 
 #include "fake_world.h"
@@ -134,7 +136,7 @@ bool answer_config(World& world, const std::string& member, CDBusRequest& reques
   }
   if (member == "set_config") world.config[key] = value;
   if (member == "reset_config") world.config.clear();
-  (void)reply.set_int32(0);
+  (void)reply.set_int32(std::max(world.config_write_result, 0));
   return true;
 }
 
@@ -148,7 +150,9 @@ int32_t CDBusChannel::call(CDBusRequest& request, CDBusResponse& response, int64
   }
   dbus_message_set_serial(request.message(), 1);
   response = CDBusResponse(request);
-  return answer_config(world, dbus_message_get_member(request.message()), request, response) ? 0 : call_closed;
+  const std::string member = dbus_message_get_member(request.message());
+  if (!answer_config(world, member, request, response)) return call_unanswerable;
+  return member == "get_config" ? 0 : std::min(world.config_write_result, 0);
 }
 
 bool CDBusChannel::send(CDBusMessageOpr&) { return impl_->channel.up; }

@@ -74,6 +74,7 @@ class World {
   std::map<std::string, std::string> config;  // keys of the configuration service
   std::vector<std::string> config_calls;      // "get KEY", "set KEY=VALUE", "reset", "flush"
   bool config_answers = true;
+  int32_t config_write_result = 0;  // of every call that changes something: the service's code, or why there was none
   // Asked for each call, already recorded; false: the call is lost.
   std::function<bool(const std::string& call)> on_config_call;
 

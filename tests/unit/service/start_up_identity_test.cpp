@@ -27,6 +27,21 @@ class Identity : public StartupTest {
     (void)probe().run();
     return calls_;
   }
+  // Of the nine values pk, dn, ds, h, p, v, ch, cp, tt.
+  void expect_all_written() {
+    for (const auto& [key, value] : std::map<std::string, std::string>{{"gw_system_productkey", "pk"},
+                                                                       {"gw_system_devicename", "dn"},
+                                                                       {"gw_system_devicesecret", "ds"},
+                                                                       {"gw_system_as_host", "h"},
+                                                                       {"gw_system_as_port", "p"},
+                                                                       {"gw_system_ver_ca", "v"},
+                                                                       {"gw_remoteaccess_cloud_host", "ch"},
+                                                                       {"gw_remoteaccess_cloud_port", "cp"},
+                                                                       {"gw_remoteaccess_tls_type", "tt"}}) {
+      EXPECT_EQ(world.config[key], value) << key;
+    }
+    EXPECT_TRUE(nothing_pending());
+  }
   bool nothing_pending() { return probe().pending_identity() == std::array<std::string, 3>{}; }
   ~Identity() override { std::filesystem::remove_all("/quorvane/run"); }
 
@@ -141,15 +156,42 @@ TEST_F(Identity, ThatATeardownCutsShortIsAppliedInTheNextCycle) {
     world.after_s(20, appear);
     end_by_upgrade_after_ms(30'000);
     (void)probe().run();
-    for (const auto& [key, value] : std::map<std::string, std::string>{{"gw_system_productkey", "pk"},
-                                                                       {"gw_system_devicename", "dn"},
-                                                                       {"gw_system_devicesecret", "ds"},
-                                                                       {"gw_system_as_host", "h"},
-                                                                       {"gw_system_ver_ca", "v"},
-                                                                       {"gw_remoteaccess_tls_type", "tt"}}) {
-      EXPECT_EQ(world.config[key], value) << key;
-    }
+    expect_all_written();
+  }
+}
+
+// The service leaves at the n-th call, and that call and all later ones fail; it comes back.
+TEST_F(Identity, WhoseServiceLeavesInTheMiddleIsAppliedWhenItComesBack) {
+  for (size_t left = 1; left <= 14; ++left) {
+    SCOPED_TRACE(left);
+    world.reset();
+    world.config = {{"gw_system_productkey", "old"}, {"gw_system_devicename", "dn"}};
+    make("[]", {"pk", "dn", "ds", "h", "p", "v", "ch", "cp", "tt"});
+    bool here = true;
+    world.on_config_call = [this, left, &here](const std::string&) {
+      if (world.config_calls.size() == left) here = false;
+      return here;
+    };
+    world.after_s(10, [this] { (void)watchdog().name_owner_changed("iot.dmp.configmanager", "", ":1.9"); });
+    world.after_s(20, [this, &here] {
+      here = true;
+      (void)watchdog().name_owner_changed("iot.dmp.configmanager", "", ":1.10");
+    });
+    end_by_upgrade_after_ms(30'000);
+    (void)probe().run();
+    expect_all_written();
+  }
+}
+
+// What the service answers to a write, and whether it does, changes nothing: the values are given away once.
+TEST_F(Identity, ThatTheServiceRefusesOrSitsOutIsNotKept) {
+  for (const int32_t result : {7, Component::CDBusChannel::call_timed_out, Component::CDBusChannel::call_failed}) {
+    SCOPED_TRACE(result);
+    world.reset();
+    world.config_write_result = result;
+    EXPECT_THAT(appear({"pk", "dn", "ds", "h", "p", "v"}), Contains("flush"));
     EXPECT_TRUE(nothing_pending());
+    EXPECT_EQ(world.count_lines("quorvaned startup success"), 1U);
   }
 }
 

@@ -77,7 +77,7 @@ TEST_F(CallTest, can_be_repeated_with_one_request) {
 TEST_F(CallTest, fails_at_once_for_what_does_not_exist) {
   CDBusResponse response;
   CDBusRequest nobody("iot.test.nobody", "/", "", "ask");
-  EXPECT_EQ(channel_->call(nobody, response, 10'000), CDBusChannel::call_failed);
+  EXPECT_EQ(channel_->call(nobody, response, 10'000), CDBusChannel::call_unanswerable);
   EXPECT_EQ(call("unheardOf"), CDBusChannel::call_failed);
   CDBusRequest invalid("", "", "", "");
   EXPECT_EQ(channel_->call(invalid, response, 10'000), CDBusChannel::call_failed);
@@ -89,7 +89,7 @@ TEST_F(CallTest, fails_when_the_callee_goes_away) {
     EXPECT_TRUE(muted_.pass());
     service_->stop();
   });
-  EXPECT_EQ(call("mute", 20'000), CDBusChannel::call_failed);
+  EXPECT_EQ(call("mute", 20'000), CDBusChannel::call_unanswerable);
   leaver.join();
 }
 

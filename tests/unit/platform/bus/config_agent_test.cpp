@@ -93,7 +93,7 @@ TEST_F(ConfigAgentTest, says_why_there_was_no_code) {
   service_->register_method_callback("flush_config", [](CDBusRequest&, CDBusResponse&, bool& later) { later = true; });
   EXPECT_EQ(agent_->flush_config(50), CDBusChannel::call_timed_out);
   service_->stop();
-  EXPECT_EQ(agent_->get_config("a", value, timeout_ms), CDBusChannel::call_failed);
+  EXPECT_EQ(agent_->get_config("a", value, timeout_ms), CDBusChannel::call_unanswerable);
   channel_->stop();
   EXPECT_EQ(agent_->get_config("a", value, timeout_ms), CDBusChannel::call_closed);
 }
