@@ -62,7 +62,7 @@ def replace(path, text):
 
 
 def trim(path, limit):
-    """Keep the file below the limit, and what it held before beside it. Its writer has it open, so it stays in place."""
+    """Empty a file that is above the limit; what it held stays beside it. Its writer has it open, so it stays too."""
     if os.path.getsize(path) > limit:
         shutil.copyfile(path, path + ".1")
         os.truncate(path, 0)

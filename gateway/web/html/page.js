@@ -24,19 +24,14 @@ async function fetchState() {
   }
 }
 
-function span(seconds) {
-  if (seconds < 120) return `${Math.round(seconds)} s`;
-  if (seconds < 7200) return `${Math.round(seconds / 60)} min`;
-  return `${Math.round(seconds / 3600)} h`;
-}
+const moment = (seconds) => new Date(seconds * 1000).toLocaleString();
 
-// What is wrong with the data, in words; empty when nothing is.
+// What is wrong with the data, in words; empty when nothing is. The words stay the same while nothing changes, as a
+// screen reader reads them out at every change.
 function fault(state, now) {
-  const age = now - state.written;
-  if (age > OLD) return `This data is old: it was last renewed ${span(age)} ago.`;
+  if (now - state.written > OLD) return `This data is old: it was last renewed at ${moment(state.written)}.`;
   if (state.reading === null) return "The supervisor has not answered yet.";
-  const silence = now - state.reading;
-  if (silence > OLD) return `The supervisor does not answer: it was last heard ${span(silence)} ago.`;
+  if (now - state.reading > OLD) return `The supervisor has not answered since ${moment(state.reading)}.`;
   return "";
 }
 
@@ -78,9 +73,8 @@ function showServices(services) {
 
 function showReading(seconds) {
   if (seconds === null) return;
-  const moment = new Date(seconds * 1000);
-  element("reading").dateTime = moment.toISOString();
-  put(element("reading"), moment.toLocaleString());
+  element("reading").dateTime = new Date(seconds * 1000).toISOString();
+  put(element("reading"), moment(seconds));
 }
 
 function showDevice(name) {
