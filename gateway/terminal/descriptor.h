@@ -9,7 +9,8 @@ namespace gateway {
 
 class Descriptor {
  public:
-  explicit Descriptor(int number = -1) : number_(number) {}
+  Descriptor() = default;
+  explicit Descriptor(int number) : number_(number) {}
   Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
   Descriptor& operator=(Descriptor&& other) noexcept {
     std::swap(number_, other.number_);
@@ -25,7 +26,7 @@ class Descriptor {
   [[nodiscard]] bool valid() const { return number_ >= 0; }
 
  private:
-  int number_;
+  int number_ = -1;
 };
 
 }  // namespace gateway

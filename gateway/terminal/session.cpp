@@ -12,8 +12,9 @@
 namespace gateway {
 namespace {
 
-// What the terminal's line editing takes for the end of the input: once for a line that has no end, once for itself.
-constexpr char end_of_input[] = {'\x04', '\x04'};
+// What the terminal's line editing takes for the end of the input, when it stands at the beginning of a line. To a shell
+// an empty line in front of it is nothing.
+constexpr char end_of_input[] = {'\n', '\x04'};
 
 // In the child. Whatever the daemon has set for itself is set back.
 [[noreturn]] void run_shell(const std::string& path) {

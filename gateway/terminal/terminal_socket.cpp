@@ -18,7 +18,7 @@ Lock take_lock(const std::string& path) {
   std::error_code ignored;  // opening the file tells
   std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
   Descriptor file(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
-  if (!file.valid()) return {};
+  if (!file.valid()) return Lock{};
   struct flock lock {};
   lock.l_type = F_WRLCK;
   lock.l_whence = SEEK_SET;
