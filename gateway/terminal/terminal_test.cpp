@@ -136,6 +136,25 @@ TEST(TerminalSession, ends_after_the_input_and_not_before_its_output) {
   EXPECT_NE(said.find("third-3\r\n"), std::string::npos) << said;
 }
 
+TEST(TerminalSession, waits_for_its_client_alone_while_that_does_not_read) {
+  auto [client, connection] = socket_pair();
+  const std::string block(4096, 'x');
+  while (::write(connection.get(), block.data(), block.size()) > 0) {
+  }
+  auto session = Session::start(std::move(connection), "/bin:/usr/bin");
+  ASSERT_TRUE(session);
+  pollfd terminal = session->terminal_wish();
+  ASSERT_GT(::poll(&terminal, 1, 10'000), 0);  // the prompt
+  EXPECT_TRUE(session->serve({}, terminal));
+  EXPECT_EQ(session->terminal_wish().fd, -1);
+  EXPECT_EQ(session->connection_wish().events, POLLIN | POLLOUT);
+  EXPECT_FALSE(read_all(client).empty());
+  EXPECT_TRUE(session->serve({}, {}));
+  EXPECT_EQ(session->terminal_wish().events, POLLIN);
+  session.reset();
+  ::wait(nullptr);
+}
+
 TEST(TerminalSession, hangs_up_on_its_shell_when_the_client_has_gone) {
   auto [client, connection] = socket_pair();
   {

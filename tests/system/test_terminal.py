@@ -101,8 +101,10 @@ def test_a_connection_is_a_shell_on_a_terminal_of_its_own(installed):
     assert one.shell() != two.shell()
     assert stat.S_IMODE(os.stat(SOCKET).st_mode) == 0o600
     assert stat.S_IMODE(os.stat(LOCK).st_mode) == 0o600
-    # Nothing of the daemon reaches the shell but its terminal.
-    assert one.ask("ls -l /proc/$$/fd | grep -vE ' -> /dev/(pts/|tty)' | grep -c ' -> '") == "0\r\n"
+    # Nothing of the daemon reaches a shell but its own terminal.
+    terminal = two.ask("tty").strip()
+    assert {os.path.realpath(f"/proc/{two.shell()}/fd/{number}") for number in os.listdir(f"/proc/{two.shell()}/fd")} \
+        <= {terminal, "/dev/tty"}
 
 
 def test_a_session_ends_with_its_shell_or_its_client_and_nothing_is_left(installed):
