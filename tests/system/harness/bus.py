@@ -12,6 +12,7 @@ SOCKET = "/tmp/var/run/mbusd/mbusd_socket"
 ADDRESS = "unix:path=" + SOCKET
 DAEMON = ("iot.gateway.quorvaned", "/iot/gateway/quorvaned", "iot.gateway.quorvaned")
 WATCHDOG = ("iot.gateway.watchdog", "/iot/gateway/watchdog", "iot.gateway.watchdog")
+CONFIGURATION = ("iot.dmp.configmanager", "/iot/dmp/configmanager", "iot.dmp.configmanager")
 DRIVER = ("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus")
 
 

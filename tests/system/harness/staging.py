@@ -3,6 +3,7 @@
 import os
 import re
 import shutil
+import zlib
 
 from .sandbox import REPOSITORY
 
@@ -82,6 +83,8 @@ def clear_stage(stage):
 
 def root_of(stage, test):
     """The install root of a test."""
-    name = re.sub(r"[^A-Za-z0-9_.-]+", "-", test.rpartition("::")[2])[:100].strip("-.")
+    name = re.sub(r"[^A-Za-z0-9_.-]+", "-", test.rpartition("::")[2]).strip("-.")
+    if len(name) > 100:
+        name = f"{name[:90]}-{zlib.crc32(name.encode()):08x}"
     module = os.path.basename(test.partition("::")[0]).removeprefix("test_").removesuffix(".py")
     return os.path.join(stage, f"{module}.{name}")
