@@ -8,7 +8,7 @@ import time
 
 import pytest
 from harness import bus, clock, processes, sandbox
-from harness.gateway import MISSING, NOT_RUNNING, STARTING_UP, UP, Service
+from harness.gateway import MISSING, NOT_RUNNING, PID_FILE, STARTING_UP, UP, Service
 
 RULE = "-" * 58
 BANNER = f"\n{RULE}\n{' ' * 17}Quorvane Service Status{' ' * 13}\n{RULE}\n\n"
@@ -377,6 +377,15 @@ def test_a_stopped_daemon_is_signalled_all_the_same_and_ends_when_it_goes_on(gat
     daemon.signal(signal.SIGCONT)
     assert daemon.wait(10) == 0
     processes.wait_gone([pid], 3)
+
+
+def test_with_a_directory_in_the_place_of_the_pid_file_no_daemon_is_found(gateway):
+    os.makedirs(PID_FILE)
+    running = stand_in(gateway, "spare/quorvaned")
+    assert said(gateway.command("stop_all")) == (0, STOPPED)
+    gateway.log.exactly([NO_DAEMON])
+    assert gateway.signals("quorvaned", running.pid) == []
+    assert running.alive()
 
 
 # The stop commands without a daemon

@@ -46,6 +46,20 @@ def test_a_configuration_that_cannot_be_read_switches_off(gateway):
     assert keys == ["gw_high_availability_deploy", "gw_ha_switch"]
 
 
+@pytest.mark.takes(9)
+def test_a_configuration_service_that_refuses_to_be_read_restarts_the_stack_and_is_asked_again(gateway):
+    gateway.catalogue(manager("--config-code=7"), Service("svc"))
+    daemon = gateway.start("pk", "dn", "secret")
+    fail = "get current gw_system_productkey fail"
+    gateway.log.wait_for(fail, 20, count=2)
+    lines = gateway.log.sequence(fail, "stop monitor service", "stop dbus daemon", "running dbus daemon", fail)
+    assert lines[3] - lines[2] >= 1
+    gateway.log.sequence(fail, "set config gw_ha_service_switch=off")
+    written = {event["key"] for event in gateway.events("config-manager", "config") if event["member"] == "set_config"}
+    assert written <= {"gw_ha_service_switch"}
+    assert daemon.alive()
+
+
 @pytest.mark.takes(5)
 def test_the_switch_is_written_when_the_service_comes_and_when_it_goes(gateway):
     gateway.catalogue(Service("svc", monitor=1))

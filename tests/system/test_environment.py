@@ -3,6 +3,7 @@
 import fcntl
 import os
 import random
+import shutil
 import signal
 import stat
 import time
@@ -245,6 +246,44 @@ def test_a_key_chain_tool_that_hangs_does_not_keep_the_daemon_from_ending(gatewa
     assert 5.0 <= time.monotonic() - begin <= 5.5 + clock.stretched(4)
     gateway.log.sequence("caught %s(%d) signal, exit", "quorvaned exit (force)")
 
+
+# Where the installation is
+
+def test_the_installation_lies_above_the_directory_of_the_executable(gateway):
+    gateway.catalogue(Service("svc"))
+    gateway.link("quorvaned", "../sbin/quorvaned")
+    os.makedirs("/tmp/elsewhere/bin")
+    os.symlink(gateway.path("sbin/quorvaned"), "/tmp/elsewhere/bin/quorvaned")
+    daemon = processes.spawn(["/tmp/elsewhere/bin/quorvaned", "--nofork"], cwd="/")
+    gateway.log.wait_for(UP, pid=daemon.pid)
+    assert processes.link(daemon.pid, "cwd") == gateway.bin
+    assert gateway.started("svc")["exe"] == gateway.path("bin/svc")
+
+
+@pytest.mark.takes(9)
+def test_without_proc_the_installation_is_looked_for_in_its_usual_place_and_nobody_is_found(gateway):
+    usual = "/quorvane/gateway/build"
+    gateway.catalogue(Service("svc", monitor=1))
+    for name in ("bin", "config"):
+        shutil.copytree(gateway.path(name), f"{usual}/{name}")
+
+    def without_proc(*args):
+        command = " ".join([gateway.program, *args])
+        return ["/usr/bin/unshare", "-m", "/bin/sh", "-c", f"mount -t tmpfs none /proc; exec {command}"]
+
+    daemon = processes.spawn(without_proc("--nofork"), cwd="/")
+    gateway.log.wait_for(UP, pid=daemon.pid)
+    svc = gateway.pid_of("svc")
+    clock.until(lambda: processes.link(svc, "exe") == f"{usual}/bin/svc", 5, "the service of the usual place")
+    assert processes.link(daemon.pid, "cwd") == f"{usual}/bin"
+    assert gateway.status().status == 0
+    command = processes.run(without_proc("stop_all"))
+    assert (command.status, bytes(command.stdout)) == (0, b"quorvaned: shutdown completed\n")
+    gateway.log.exactly(["stop, can't find quorvaned"], pid=command.pid)
+    assert daemon.alive() and processes.alive(svc)
+
+
+# A catalogue that is not there
 
 def test_a_missing_catalogue_prevents_everything_else(gateway):
     os.unlink(gateway.path("config/services.json"))

@@ -1,12 +1,13 @@
 """The launcher and the detached daemon."""
 
 import os
+import shutil
 import signal
 import stat
 
 import pytest
 from harness import clock, processes
-from harness.gateway import PID_FILE, UP, Service
+from harness.gateway import PID_FILE, STARTUP, UP, Service
 
 
 def test_the_relayed_progress_is_byte_exact(gateway):
@@ -141,6 +142,65 @@ def test_a_launcher_that_is_killed_leaves_the_start_alone(gateway, number):
     assert launcher.wait() == -number
     gateway.log.wait_for(UP)
     assert daemon.alive()
+
+
+def test_a_launcher_that_is_stopped_does_not_hold_up_the_start(gateway):
+    # More than its pipe holds.
+    long_names = [Service("x" * 800 + str(number), program=None) for number in range(120)]
+    gateway.catalogue(Service("slow", delay=1), *long_names, Service("last"))
+    launcher = gateway.launch()
+    launcher.stdout.wait_for("running slow service", 10)
+    launcher.signal(signal.SIGSTOP)
+    gateway.log.wait_for(UP, 20)
+    assert gateway.log.has("running last service")
+    launcher.signal(signal.SIGCONT)
+    assert launcher.wait(10) == 0
+    assert str(launcher.stdout).endswith("quorvaned: start up completed\n")
+
+
+def test_a_launcher_that_inherits_more_than_a_thousand_descriptors_relays_all_the_same(gateway):
+    import resource
+
+    def open_many():
+        most = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+        resource.setrlimit(resource.RLIMIT_NOFILE, (min(most, 4096), most))
+        for number in range(3, 1200):
+            os.dup2(0, number)
+
+    gateway.catalogue(Service("svc"))
+    launcher = gateway.launch(prepare=open_many)
+    assert launcher.wait(10) == 0
+    assert "quorvaned: running svc service\nquorvaned: start up completed\n" in str(launcher.stdout)
+    assert [one.split("=")[0] for one in gateway.started("svc")["fds"]] == ["0", "1", "2"]
+
+
+def no_pipe():
+    """One more descriptor for the log, and none for a pipe."""
+    import resource
+    resource.setrlimit(resource.RLIMIT_NOFILE, (4, 4))
+
+
+def no_process():
+    """A user who runs nothing else and may run nothing else."""
+    import resource
+    os.setgroups([])
+    os.setgid(61234)
+    os.setuid(61234)
+    resource.setrlimit(resource.RLIMIT_NPROC, (1, 1))
+
+
+@pytest.mark.parametrize("prepare", [no_pipe, no_process])
+def test_a_launcher_that_gets_no_pipe_or_no_process_ends_with_255_before_anything_runs(gateway, prepare):
+    # In a place that every user can reach.
+    program = "/tmp/installed/bin/quorvaned"
+    os.makedirs(os.path.dirname(program))
+    shutil.copy2(gateway.program, program)
+    gateway.prepare_run_directory()
+    os.chmod(STARTUP, 0o777)
+    launcher = processes.run([program], prepare=prepare)
+    assert (launcher.status, bytes(launcher.stdout), bytes(launcher.stderr)) == (255, b"", b"")
+    gateway.log.exactly([f"quorvaned start, pid:{launcher.pid} legal_count:0 nofork:false"])
+    assert processes.everybody() == []
 
 
 def test_the_launcher_says_completed_and_ends_with_0_when_the_start_fails(gateway):

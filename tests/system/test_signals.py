@@ -6,7 +6,7 @@ import signal
 import time
 
 import pytest
-from harness import clock, processes
+from harness import clock, processes, sandbox
 from harness.bus import WATCHDOG
 from harness.gateway import MISSING, UP, Service, term
 
@@ -98,6 +98,40 @@ def test_sigsegv_ends_at_once_with_255_and_one_line(gateway):
     # Nothing was stopped in order: what dies, dies with its parent.
     processes.wait_gone([gateway.pid_of("svc"), gateway.pid_of("dbus-daemon")], 1)
     assert processes.alive(gateway.pid_of("fota"))
+
+
+def signal_thread(daemon, name, number):
+    """Send a signal to one thread of the daemon."""
+    def look():
+        return [int(task) for task in os.listdir(f"/proc/{daemon.pid}/task")
+                if processes.proc(daemon.pid, f"task/{task}/comm").strip() == name]
+
+    thread, = clock.until(look, 5, f"the thread {name}")
+    sandbox.call("tgkill", daemon.pid, thread, number)
+
+
+@pytest.mark.takes(8)
+@pytest.mark.parametrize("thread", ["start_up_thread", "sevice_manager_", "bus-watchdog"])
+@pytest.mark.parametrize("number", [signal.SIGILL, signal.SIGSEGV])
+def test_a_fault_signal_at_another_thread_is_told_and_ends_the_daemon_in_the_usual_way(gateway, thread, number):
+    gateway.catalogue(Service("svc"))
+    daemon = gateway.up()
+    up = gateway.log.find(UP)[0]
+    pids = [gateway.pid_of("svc"), gateway.pid_of("dbus-daemon")]
+    begin = time.monotonic()
+    signal_thread(daemon, thread, number)
+    status = daemon.wait(10)
+    seconds = time.monotonic() - begin
+    if number == signal.SIGSEGV:
+        assert status == 255
+        assert seconds < clock.stretched(1)
+        gateway.log.exactly([caught(number)], after=up)
+    else:
+        assert status == 0
+        assert in_time(seconds)
+        gateway.log.sequence(caught(number), "quorvaned exit (force)", f"kill -9 svc({pids[0]})", after=up)
+        assert gateway.log.count("caught %s(%d) signal, exit") == 1
+    processes.wait_gone(pids, 2)
 
 
 def test_signals_that_are_ignored_change_nothing(gateway):

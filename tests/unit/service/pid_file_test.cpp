@@ -87,6 +87,16 @@ TEST_F(PidFile, WithAFreeLockBelongsToNobodyWhateverItSays) {
   EXPECT_NE(content(), "4711");
 }
 
+TEST_F(PidFile, ReadWithAFreeLockIsLockedFromThenOn) {
+  std::ofstream(path) << "4711";
+  EXPECT_EQ(in_child([&] {
+              if (read_locked_pid(path) != -1) return 1;
+              return in_child([&] { return try_lock_file(::open(path.c_str(), O_RDWR)) == -1 ? 7 : 2; });
+            }),
+            7);
+  EXPECT_EQ(in_child([&] { return try_lock_file(::open(path.c_str(), O_RDWR)) == 0 ? 7 : 1; }), 7);
+}
+
 TEST_F(PidFile, ThatIsMissingIsNotCreatedByReading) {
   EXPECT_EQ(read_locked_pid(path), -1);
   EXPECT_FALSE(std::filesystem::exists(path));

@@ -116,6 +116,13 @@ TEST_F(ProcessScan, FindsAProgramThatWasReplacedOnDisk) {
   EXPECT_THAT(find("probe-inside"), Contains(program.pid()));
 }
 
+// The mark is cut off with the last blank, and so is a part of the name that looks like it.
+TEST_F(ProcessScan, TakesANameUpToItsLastBlank) {
+  const Running program(inside.parent_path() / "probe-inside more");
+  EXPECT_THAT(find("probe-inside"), Contains(program.pid()));
+  EXPECT_THAT(find("probe-inside more"), IsEmpty());
+}
+
 TEST_F(ProcessScan, PassesOverAProcessOfAnotherMountNamespace) {
   const Running program(inside, true);
   EXPECT_THAT(find("probe-inside"), Not(Contains(program.pid())));

@@ -311,6 +311,25 @@ TEST_F(ServiceControl, GivesTheSceneServiceItsLevel) {
   EXPECT_EQ(level_for("on"), "-level=0");
 }
 
+TEST_F(ServiceControl, WaitsThreeSecondsForTheSceneServicesSwitch) {
+  world.config_answers = false;
+  const int64_t before = world.now_ms;
+  start("scene");
+  EXPECT_EQ(world.now_ms - before, 3000);
+  EXPECT_THAT(last_plan().arguments, ElementsAre("scene", "-level=0"));
+}
+
+TEST_F(ServiceControl, StartsAndStopsTheSceneServiceLikeAnyOther) {
+  const int32_t pid = start("scene", {"-x", std::string(300, 'y')});
+  EXPECT_THAT(last_plan().arguments, ElementsAre("scene", "-x", std::string(255, 'y'), "-level=0"));
+  EXPECT_EQ(last_plan().parent_death_signal, SIGKILL);
+  EXPECT_TRUE(last_plan().discard_output);
+  EXPECT_EQ(last_plan().working_directory, "");
+  EXPECT_THAT(world.lines, ElementsAre("run scene pid " + std::to_string(pid)));
+  control.stop_service(&record, true);
+  EXPECT_THAT(world.signals, ElementsAre(Signal{pid, SIGKILL}));
+}
+
 TEST_F(ServiceControl, StopsTheScriptedSceneServiceByItsStopScript) {
   start("startSC.sh");
   EXPECT_EQ(last_plan().program, "./startSC.sh");

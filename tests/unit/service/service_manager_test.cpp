@@ -139,6 +139,19 @@ TEST_F(ServiceManager, CountsANameThatComesTooLateForTheNextStart) {
   EXPECT_EQ(world.now_ms, start);
 }
 
+TEST_F(ServiceManager, TakesTheFirstOfTwoServicesWithOneName) {
+  load(R"([{"exec": "a", "dbus_name": "iot.a"}, {"exec": "b", "dbus_name": "iot.a"}])");
+  manager.feed_dog("iot.a", "main", 5);
+  EXPECT_EQ(record(0).keepalive.count("main"), 1U);
+  EXPECT_TRUE(record(1).keepalive.empty());
+  manager.service_online("iot.a");
+  manager.service_online("iot.a");
+  const int64_t start = world.now_ms;
+  manager.run_services();
+  EXPECT_EQ(world.forks.at(1).at_ms, start);
+  EXPECT_EQ(world.now_ms - start, 5000);  // of the second one nobody was told
+}
+
 TEST_F(ServiceManager, StartsNothingMoreWhenTheCycleEnds) {
   load(R"([{"exec": "a", "dbus_name": "iot.a"}, {"exec": "b"}])");
   const int64_t start = world.now_ms;
@@ -361,6 +374,13 @@ TEST_F(KeepAlive, SilenceWithinTheGraceIsNoReasonToRestart) {
   EXPECT_THAT(fork_seconds("a"), ElementsAre(1000));
 }
 
+TEST_F(KeepAlive, IsToldOnceASecondHoweverManyItemsAreLate) {
+  manager.feed_dog("iot.a", "a", 5);
+  manager.feed_dog("iot.a", "b", 5);
+  monitor_for_s(10);  // seconds 1006 to 1009, within the grace
+  EXPECT_THAT(world.printed, ElementsAre(timeout_line, timeout_line, timeout_line, timeout_line));
+}
+
 TEST_F(KeepAlive, FeedingInTimeKeepsTheServiceRunning) {
   for (int64_t second = 0; second < 100; second += 5) {
     world.after_s(second, [this] { manager.feed_dog("iot.a", "main", 5); });
@@ -489,6 +509,15 @@ TEST_F(HighAvailability, FollowsTheSwitchOtherwise) {
     world.config["gw_ha_switch"] = value;
     EXPECT_FALSE(manager.is_ha_service_switch_on()) << value;
   }
+}
+
+TEST_F(HighAvailability, FollowsTheSwitchWhereTheDeploySettingHasNoValue) {
+  deployed();
+  world.config["gw_ha_switch"] = "0";
+  EXPECT_TRUE(manager.is_ha_service_switch_on());
+  EXPECT_THAT(world.config_calls, ElementsAre("get gw_high_availability_deploy", "get gw_ha_switch"));
+  world.config["gw_ha_switch"] = "1";
+  EXPECT_FALSE(manager.is_ha_service_switch_on());
 }
 
 TEST_F(HighAvailability, IsOffWhenNothingCanBeRead) {

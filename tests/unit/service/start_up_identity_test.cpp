@@ -111,6 +111,47 @@ TEST_F(Identity, ThatCannotBeReadStaysPendingAndRestartsTheStack) {
   EXPECT_GE(world.count_lines("quorvaned startup success"), 2U);
 }
 
+TEST_F(Identity, OfWhichTheDeviceNameCannotBeReadStaysPendingInTheSameWords) {
+  world.on_config_call = [](const std::string& call) { return call != "get gw_system_devicename"; };
+  EXPECT_THAT(appear({"pk", "dn", "ds", "h", "p", "v"}),
+              ElementsAre("get gw_system_productkey", "get gw_system_devicename", "set gw_ha_service_switch=off"));
+  EXPECT_THAT(lines_, ElementsAre("get current gw_system_productkey fail", "set config gw_ha_service_switch=off"));
+  EXPECT_EQ(probe().pending_identity(), (std::array<std::string, 3>{"pk", "dn", "ds"}));
+  EXPECT_GE(world.count_lines("quorvaned startup success"), 2U);
+}
+
+TEST_F(Identity, WaitsForEachAnswerItsTime) {
+  world.config = {{"gw_system_productkey", "old"}, {"gw_system_devicename", "dn"}};
+  make("[]", {"pk", "dn", "ds"});
+  world.on_config_call = [this](const std::string& call) {
+    world.config_answers = call != "get gw_system_devicename";  // the last one that is answered
+    return true;
+  };
+  int64_t taken_ms = 0;
+  world.after_s(10, [this, &taken_ms] {
+    const int64_t before = world.now_ms;
+    (void)watchdog().name_owner_changed("iot.dmp.configmanager", "", ":1.9");
+    taken_ms = world.now_ms - before;
+  });
+  end_by_upgrade_after_ms(60'000);
+  (void)probe().run();
+  EXPECT_EQ(taken_ms, 10'000 + 3 * 3'000 + 10'000 + 3'000);  // reset, three values, flush, switch
+}
+
+TEST_F(Identity, IsHandedOverBeforeTheNextServiceIsStarted) {
+  make(R"([{"exec": "config-manager", "dbus_name": "iot.dmp.configmanager"}, {"exec": "next"}])", {"pk", "dn", "ds"});
+  world.after_s(2, [this] { (void)watchdog().name_owner_changed("iot.dmp.configmanager", "", ":1.9"); });
+  world.on_config_call = [this](const std::string&) {
+    EXPECT_EQ(world.count_lines("running config-manager service"), 1U);
+    EXPECT_EQ(world.count_lines("running next service"), 0U);
+    return true;
+  };
+  end_by_upgrade_after_ms(20'000);
+  (void)probe().run();
+  EXPECT_EQ(world.config_calls.size(), 7U);
+  EXPECT_EQ(world.count_lines("running next service"), 1U);
+}
+
 TEST_F(Identity, EndpointsAreWrittenInGroupsOfThree) {
   EXPECT_THAT(appear({"", "", "", "h", "p", "v", "ch", "cp", "tt"}),
               ElementsAre("set gw_system_as_host=h", "set gw_system_as_port=p", "set gw_system_ver_ca=v",

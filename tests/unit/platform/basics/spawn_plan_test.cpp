@@ -138,6 +138,12 @@ TEST_F(SpawnPlan, TheWorkingDirectoryIsEntered) {
   EXPECT_EQ(std::filesystem::current_path(), here);
 }
 
+TEST_F(SpawnPlan, AMissingWorkingDirectoryIsIgnored) {
+  CSpawnPlan plan = probe();
+  plan.working_directory = temp_ / "missing";
+  EXPECT_EQ(facts_of(plan)["cwd"], std::filesystem::current_path());
+}
+
 TEST_F(SpawnPlan, ARelativeProgramIsFoundFromTheWorkingDirectory) {
   ASSERT_EQ(::symlink(CHILD_PROBE, (temp_ / "probe").c_str()), 0);
   CSpawnPlan plan = plan_of("./probe", {facts_path_});
