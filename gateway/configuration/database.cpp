@@ -15,6 +15,8 @@ Database::Database(const std::string& path, Open how) {
   handle_.reset(handle);
   if (handle == nullptr) throw StorageError{result, sqlite3_errstr(result)};
   check(result);
+  // The second of these has SQLite read a file that is shorter than its header says. First of all: others read.
+  if (how == Open::damaged) run("PRAGMA query_only=ON; PRAGMA writable_schema=ON");
   // Far above what is stored: a damaged size asks for no more memory than this.
   sqlite3_limit(handle, SQLITE_LIMIT_LENGTH, 1 << 20);
   // Alone: no shared-memory file that a crash could leave behind, and nobody else who keeps the log from being emptied.

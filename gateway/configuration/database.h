@@ -19,9 +19,10 @@ struct StorageError {
 class Database {
  public:
   enum class Open {
-    create,     // for reading and writing; made when it is missing
-    existing,   // for reading and writing
-    unchanging  // for reading, on a file system on which nothing can be written; a log is not looked at
+    create,      // for reading and writing; made when it is missing
+    existing,    // for reading and writing
+    unchanging,  // for reading, on a file system on which nothing can be written; a log is not looked at
+    damaged,     // for reading as much as possible
   };
 
   // Opens the file, and takes it for itself at the first access.

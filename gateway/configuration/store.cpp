@@ -79,9 +79,8 @@ void copy_rows(const Database& from, const std::string& order, const Database& t
 // Copies what can be read of a damaged database, which is not written to.
 void salvage(const std::string& path, const Database& to) {
   try {
-    Database from(path, Database::Open::existing);
+    Database from(path, Database::Open::damaged);
     from.write_when_closed(false);
-    from.run("PRAGMA query_only=ON");
     // From both ends: what is damaged may be in the middle.
     copy_rows(from, "", to);
     copy_rows(from, " DESC", to);

@@ -4,8 +4,8 @@
 // - A write that was accepted is seen by every later read, also when the process is killed.
 // - After `flush` has succeeded, every accepted write survives a loss of power.
 // - What survives of the writes after the last flush is those up to some moment: none without all before it.
-// - A database that is damaged is never written over and never emptied: it is set aside, what can be read of it is taken
-//   over, and it is reported.
+// - A database that is damaged is never written over and never emptied: it is set aside, what can be read of it is
+//   taken over, and it is reported.
 // - After `reset` has succeeded, no file of the store has anything of an earlier value.
 #pragma once
 

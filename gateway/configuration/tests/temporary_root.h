@@ -3,10 +3,10 @@
 
 #include <gtest/gtest.h>
 #include <sodium.h>
-#include <stdlib.h>
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
