@@ -169,6 +169,15 @@ TEST_F(Logs, are_made_anew_when_they_are_moved_away_or_removed) {
   EXPECT_EQ(content(file("a.log")), "three\n");
 }
 
+TEST_F(Logs, go_to_the_file_that_is_in_their_place_now) {
+  LogFile log(file("a.log"), limits);
+  EXPECT_TRUE(log.append("one\n"));
+  fs::rename(file("a.log"), root / "elsewhere");
+  std::ofstream(file("a.log")) << "another\n";
+  EXPECT_TRUE(log.append("two\n"));
+  EXPECT_EQ(content(file("a.log")), "another\ntwo\n");
+}
+
 TEST_F(Logs, do_not_follow_links_and_write_to_nothing_but_files) {
   fs::create_directories(file("x").parent_path());
   fs::create_symlink(root / "target", file("a.log"));
