@@ -60,6 +60,14 @@ def test_a_configuration_service_that_refuses_to_be_read_restarts_the_stack_and_
     assert daemon.alive()
 
 
+@pytest.mark.takes(4)
+def test_the_next_service_is_started_when_the_identity_has_been_handed_over(gateway):
+    gateway.catalogue(manager(), Service("next"))
+    gateway.up("pk", "dn", "secret", "host", "port", "ca", "cloud", "443", "tls")
+    gateway.log.sequence("run config-manager pid %d", "check current gw_system_productkey=%s gw_system_devicename=%s",
+                         "set config gw_ha_service_switch=off", "running next service")
+
+
 @pytest.mark.takes(5)
 def test_the_switch_is_written_when_the_service_comes_and_when_it_goes(gateway):
     gateway.catalogue(Service("svc", monitor=1))

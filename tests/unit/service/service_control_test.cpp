@@ -295,6 +295,12 @@ TEST_F(ServiceControl, IsSpecialByTheWholeNameOnly) {
   EXPECT_THAT(last_plan().arguments, ElementsAre("nginx", "-p", "/x"));
   start("bin/scene");
   EXPECT_THAT(last_plan().arguments, ElementsAre("scene"));
+  for (const char* exec : {"bin/startSC.sh", "bin/dbus-daemon"}) {
+    world.signals.clear();
+    const int32_t pid = start(exec);
+    control.stop_service(&record, true);
+    EXPECT_THAT(world.signals, ElementsAre(Signal{pid, SIGKILL})) << exec;
+  }
 }
 
 TEST_F(ServiceControl, GivesTheSceneServiceItsLevel) {

@@ -241,6 +241,13 @@ TEST_F(ServiceManager, IgnoresTheEndOfTheSceneScript) {
   EXPECT_EQ(record(0).pid, pid);
 }
 
+TEST_F(ServiceManager, TakesTheEndOfAnotherProgramOfThatNameForAnAccident) {
+  load(R"([{"exec": "bin/startSC.sh", "monitor": 1}])");
+  manager.run_services();
+  process_exit(pid_of(0));
+  EXPECT_EQ(record(0).status, 1);
+}
+
 TEST_F(ServiceManager, MarksTheRemoteTerminalAbnormalWhenNoOtherRuns) {
   load(R"([{"exec": "RemoteTerminalDaemon", "monitor": 1}])");
   manager.run_services();
@@ -316,6 +323,13 @@ TEST_F(ServiceManager, DoesNotRestartAfterAFailedFork) {
   world.fork_fails = false;
   monitor_for_s(100);
   EXPECT_THAT(fork_seconds("a"), IsEmpty());
+}
+
+TEST_F(ServiceManager, StartsWhatIsStopped) {
+  load(R"([{"exec": "a", "monitor": 1}])");
+  monitor_for_s(2);
+  EXPECT_THAT(fork_seconds("a"), ElementsAre(1001));
+  EXPECT_EQ(world.count_lines("threadProc, service(a) status(-1) is abnormal"), 1U);
 }
 
 TEST_F(ServiceManager, RestartsSeveralInTableOrder) {

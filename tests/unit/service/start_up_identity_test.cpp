@@ -144,6 +144,7 @@ TEST_F(Identity, IsHandedOverBeforeTheNextServiceIsStarted) {
   world.on_config_call = [this](const std::string&) {
     EXPECT_EQ(world.count_lines("running config-manager service"), 1U);
     EXPECT_EQ(world.count_lines("running next service"), 0U);
+    EXPECT_FALSE(Component::ServiceManagerProbe(probe().manager()).record(0).ready.pend(0));
     return true;
   };
   end_by_upgrade_after_ms(20'000);

@@ -25,6 +25,11 @@ TEST(StatusLine, OfTheSceneScriptNeverShowsAPid) {
   EXPECT_EQ(line("startSC.sh", 0, 321), "[  \033[32m+\033[0m  ]  Service startSC.sh is \033[32mactive\033[0m\n");
 }
 
+TEST(StatusLine, OfAnotherProgramOfThatNameShowsItsPid) {
+  EXPECT_EQ(line("bin/startSC.sh", 0, 321),
+            "[  \033[32m+\033[0m  ]  Service bin/startSC.sh is \033[32mactive\033[0m, pid is 321\n");
+}
+
 TEST(StatusLine, OfAStoppedOrAbnormalServiceIsInactive) {
   for (const int32_t status : {-1, 1}) {
     EXPECT_EQ(line("svc", status, 5), "[  \033[0;31m-\033[0m  ]  Service svc is \033[0;31minactive\033[0m\n");
