@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <system_error>
@@ -67,7 +68,7 @@ ProcessLine read_process(const std::filesystem::path& directory) {
   if (begin == std::string::npos || end == std::string::npos || end + 4 > line.size()) return process;
   process.command = line.substr(begin + 1, end - begin - 1);
   process.state = line[end + 2];
-  process.parent = std::atoi(line.c_str() + end + 4);
+  process.parent = static_cast<int>(std::strtol(line.c_str() + end + 4, nullptr, 10));
   return process;
 }
 
@@ -95,7 +96,7 @@ std::chrono::milliseconds time_until(Clock::time_point end) {
 
 }  // namespace
 
-// --- the process ------------------------------------------------------------------------------------------------------
+// --- the process -----------------------------------------------------------------------------------------------------
 
 Supervisor::Found Supervisor::find(const std::string& root, std::optional<Supervisor>& supervisor) {
   const int pid = lock_holder();
@@ -131,7 +132,7 @@ void Supervisor::end() const {
 bool Supervisor::wait_for_services(std::chrono::milliseconds time) const {
   const auto end = Clock::now() + time;
   while (has_services(pid_)) {
-    if (Clock::now() >= end || wait_for_end(look_again)) return false;
+    if (Clock::now() >= end || wait_for_end(20ms)) return false;
   }
   return true;
 }
@@ -147,7 +148,7 @@ Supervisor::Comes Supervisor::wait_until_up(std::chrono::milliseconds time) cons
   return Comes::silent;
 }
 
-// --- the bus ----------------------------------------------------------------------------------------------------------
+// --- the bus ---------------------------------------------------------------------------------------------------------
 
 Bus::~Bus() {
   if (connection_ == nullptr) return;
@@ -224,13 +225,13 @@ bool answers(int pid) {
   return bus.connect(ignored) && bus.supervisor_pid() == pid && bus.call("get_le_status", ignored) == Bus::Answer::yes;
 }
 
-// --- the start --------------------------------------------------------------------------------------------------------
+// --- the start -------------------------------------------------------------------------------------------------------
 
 namespace {
 
 [[noreturn]] void become_launcher(const std::string& program) {
   (void)::setsid();
-  // The supervisor must be nobody's child: it would be a zombie of this program one day.
+  // Nobody's child: nobody here waits for a launcher that may take half a minute.
   if (::fork() != 0) ::_exit(0);
   const int sink = ::open("/dev/null", O_RDWR);
   for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) (void)::dup2(sink, standard);

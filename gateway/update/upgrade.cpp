@@ -58,7 +58,7 @@ void refuse(const std::string& reason) {
   report_state("refused", reason);
 }
 
-// --- the supervisor ---------------------------------------------------------------------------------------------------
+// --- the supervisor --------------------------------------------------------------------------------------------------
 
 bool wait_until_answers(const Supervisor& supervisor) {
   const auto end = std::chrono::steady_clock::now() + answer_time;
@@ -131,7 +131,7 @@ bool start(const std::string& root, std::string& problem) {
   return false;
 }
 
-// --- the way back -----------------------------------------------------------------------------------------------------
+// --- the way back ----------------------------------------------------------------------------------------------------
 
 // What the supervisor has to do with the old files, once they are back.
 enum class Revival {
@@ -180,7 +180,7 @@ void roll_back(const Plan& plan, const Journal& journal, Revival way, const std:
   if (whole) journal.end();
 }
 
-// --- the steps --------------------------------------------------------------------------------------------------------
+// --- the steps -------------------------------------------------------------------------------------------------------
 
 void finish(const Plan& plan, const Journal& journal) {
   std::string problem;

@@ -6,7 +6,7 @@ import json
 import os
 import shutil
 import signal
-import struct
+import time
 
 import pytest
 from harness import bus, clock, processes
@@ -120,6 +120,11 @@ def run_up(gateway):
     return daemon
 
 
+def start_agent(gateway):
+    """Start the agent by hand."""
+    return processes.spawn([gateway.path("bin/fota")])
+
+
 def processes_of(name):
     """The processes of a service, be it a program or a script."""
     return [pid for pid in processes.everybody() if any(os.path.basename(word) == name
@@ -179,3 +184,507 @@ def test_an_update_replaces_the_running_supervisor_and_is_itself_never_interrupt
     second = installed.log.find("run fota pid %d")[-1].values[0]
     assert second != fota
     installed.log.wait_for(f"wait pid({second}) status(0)")
+
+
+@pytest.mark.takes(24)
+def test_updates_follow_each_other_and_need_not_replace_the_supervisor(installed):
+    daemon = run_up(installed)
+    image = os.stat(f"/proc/{daemon.pid}/exe").st_ino
+    for number in (b"1", b"2"):
+        up = installed.log.find(UP)[-1]
+        hand_over({"config/site": number})
+        clock.until(lambda: state() == "done" and states_of_log().count("done") == int(number), 30, state)
+        installed.log.wait_for(UP, 15, after=up)
+        assert read(installed.path("config/site")) == number
+    assert os.stat(f"/proc/{daemon.pid}/exe").st_ino == image
+    require_one_of_each(installed)
+    require_no_traces(installed)
+
+
+@pytest.mark.takes(14)
+def test_an_updated_agent_takes_over_in_the_same_process(installed):
+    run_up(installed)
+    fota = installed.pid_of("fota")
+    new = read(installed.path("bin/fota")) + b"another build"
+    hand_over({"bin/fota": new, "bin/quorvaned": other_build(installed)})
+    assert wait_for_end() == "done"
+    clock.until(lambda: image_of(fota) == new, 5, "the new agent")
+    require_one_of_each(installed)
+    assert state() == "done"
+    require_no_traces(installed)
+    # It is one that works, and it ends as the old one would have.
+    clock.until(lambda: os.path.exists(FOTA), 1, FOTA)
+    hand_over({"config/site": b""}, sums="")
+    clock.until(lambda: state().startswith("refused"), 10, state)
+    os.kill(fota, signal.SIGTERM)
+    installed.log.wait_for(f"wait pid({fota}) status(0)")
+
+
+@pytest.mark.takes(14)
+def test_a_broken_new_agent_leaves_the_old_one_running(installed):
+    run_up(installed)
+    fota = installed.pid_of("fota")
+    old = read(installed.path("bin/fota"))
+    hand_over({"bin/fota": b""})
+    assert wait_for_end() == "done"
+    hand_over({"config/site": b""}, sums="")
+    clock.until(lambda: state().startswith("refused"), 10, state)
+    assert image_of(fota) == old
+
+
+# Updates that are rolled back
+
+HALF = "half"
+BROKEN = {"empty": b"", "half-written": HALF, "no-program": b"\x7fELF nothing",
+          "script-that-fails": b"#!/bin/sh\nexit 3\n", "crash": b"#!/bin/sh\nkill -SEGV $$\n"}
+
+
+def require_rolled_back(gateway, daemon, before, image):
+    """The old files are back, and another supervisor process runs with them."""
+    assert daemon.wait(10) is not None
+    assert tree(gateway) == before
+    require_no_traces(gateway)
+    assert os.path.isfile(REFUSED + "/SHA256SUMS")
+    new = processes.lock_owner(STARTUP + "/quorvaned.pid")
+    assert new not in (0, daemon.pid)
+    gateway.log.wait_for(UP, 20, pid=new)
+    assert image_of(new) == image
+    require_one_of_each(gateway)
+    return new
+
+
+@pytest.mark.takes(16)
+@pytest.mark.parametrize("content", BROKEN.values(), ids=BROKEN)
+def test_a_broken_new_supervisor_is_rolled_back_and_the_old_one_started(installed, content):
+    daemon = run_up(installed)
+    before = tree(installed)
+    fota = installed.pid_of("fota")
+    image = read(installed.program)
+    hand_over({"bin/quorvaned": image[:len(image) // 2] if content is HALF else content, "config/site": b"new\n"})
+    assert wait_for_end() == "rolled-back the supervisor has ended"
+    new = require_rolled_back(installed, daemon, before, image)
+    assert processes_of("fota") == [fota]
+    # It runs on its own: in its own session, as nobody's child, with nobody's terminal.
+    assert os.getsid(new) != os.getsid(fota)
+    assert int(processes.status_field(new, "PPid")) != fota
+    assert {processes.link(new, f"fd/{number}") for number in range(3)} == {"/dev/null"}
+    assert not processes.children(fota)
+    # And it can be updated in its turn.
+    hand_over({"bin/quorvaned": other_build(installed)})
+    clock.until(lambda: state() == "done", 40, state)
+    require_one_of_each(installed)
+
+
+@pytest.mark.takes(14)
+def test_a_supervisor_that_may_not_be_executed_is_rolled_back(installed):
+    daemon = run_up(installed)
+    before = tree(installed)
+    image = read(installed.program)
+    hand_over({"bin/quorvaned": other_build(installed)},
+              prepare=lambda fresh: os.chmod(fresh + "/bin/quorvaned", 0o644))
+    assert wait_for_end() == "rolled-back the supervisor has ended"
+    require_rolled_back(installed, daemon, before, image)
+
+
+@pytest.mark.takes(14)
+def test_a_catalogue_that_the_supervisor_does_not_start_with_is_rolled_back(installed):
+    daemon = run_up(installed)
+    before = tree(installed)
+    hand_over({"config/services.json": b"[", "bin/more": b"more\n", "lib/deep/er/data": b"data\n"})
+    assert wait_for_end() == "rolled-back the supervisor has ended"
+    require_rolled_back(installed, daemon, before, read(installed.program))
+    assert not os.path.exists(installed.path("lib/deep"))
+
+
+@pytest.mark.takes(95)
+@pytest.mark.limit(180)
+def test_a_supervisor_that_neither_ends_nor_answers_is_killed_and_rolled_back(installed):
+    daemon = run_up(installed)
+    before = tree(installed)
+    image = read(installed.program)
+    hand_over({"bin/quorvaned": b"#!/bin/sh\ntrap '' TERM\nwhile :; do sleep 1000; done\n"})
+    assert wait_for_end(110) == "rolled-back the supervisor does not answer"
+    assert daemon.status == -signal.SIGKILL
+    require_rolled_back(installed, daemon, before, image)
+
+
+@pytest.mark.takes(55)
+@pytest.mark.limit(150)
+def test_a_supervisor_that_hears_the_request_too_late_is_started_anew(installed):
+    daemon = run_up(installed)
+    before = tree(installed)
+    daemon.signal(signal.SIGSTOP)
+    hand_over({"bin/quorvaned": other_build(installed)})
+    assert wait_for_end(80) == "rolled-back the services were not stopped in time"
+    assert daemon.status == -signal.SIGKILL
+    require_rolled_back(installed, daemon, before, read(installed.program))
+
+
+# Updates that are refused
+
+
+def link_to_program(fresh):
+    """A link in the place of a listed file."""
+    os.rename(fresh + "/bin/tool", FOTA + "/tool")
+    os.symlink(FOTA + "/tool", fresh + "/bin/tool")
+
+
+def link_on_the_way(fresh):
+    """A link in the place of a directory."""
+    os.rename(fresh + "/bin", FOTA + "/elsewhere")
+    os.symlink(FOTA + "/elsewhere", fresh + "/bin")
+
+
+def directory_for_program(fresh):
+    """A directory in the place of a listed file."""
+    os.unlink(fresh + "/bin/tool")
+    os.mkdir(fresh + "/bin/tool")
+
+
+TOOL = {"bin/tool": b"tool\n"}
+WRONG = {"no-sums": ({"sums": ""}, "SHA256SUMS: No such file or directory"),
+         "empty-sums": ({"sums": "\n"}, "SHA256SUMS, line 1: this is no sum and path"),
+         "wrong-sum": ({"sums": line_of("bin/tool", b"other\n")}, "bin/tool: the sum is wrong"),
+         "way-up": ({"sums": sums_of(TOOL) + line_of("../x", b"")},
+                    "SHA256SUMS, line 2: the path ../x cannot be installed"),
+         "absolute": ({"sums": sums_of(TOOL) + line_of("/etc/passwd", b"")},
+                      "SHA256SUMS, line 2: the path /etc/passwd cannot be installed"),
+         "missing": ({"sums": sums_of(TOOL) + line_of("bin/x", b"")}, "bin/x: No such file or directory"),
+         "not-listed": ({"prepare": lambda fresh: put(fresh + "/bin/x", b"")}, "bin/x: it is not listed"),
+         "link": ({"prepare": link_to_program}, "bin/tool: Too many levels of symbolic links"),
+         "link-on-the-way": ({"prepare": link_on_the_way}, "bin/tool: Not a directory"),
+         "directory": ({"prepare": directory_for_program}, "bin/tool: Is a directory")}
+
+
+def test_refused_updates_change_nothing_and_interrupt_nothing(installed):
+    daemon = run_up(installed)
+    before = tree(installed)
+    lines = len(installed.log.events())
+    old = {name: processes_of(name) for name in ["fota", "dbus-daemon", *SERVICES]}
+    put(REFUSED + "/earlier", b"")
+    for case, (how, reason) in WRONG.items():
+        hand_over(TOOL, **how)
+        clock.until(lambda reason=reason: state() == "refused " + reason, 10, lambda case=case: f"{case}: {state()}")
+        assert tree(installed) == before, case
+        # It is kept to be looked at, and the one before it is not.
+        assert "bin" in os.listdir(REFUSED) and "earlier" not in os.listdir(REFUSED), case
+        for name in ("tool", "elsewhere"):
+            if os.path.isdir(f"{FOTA}/{name}"):
+                shutil.rmtree(f"{FOTA}/{name}")
+            with contextlib.suppress(FileNotFoundError):
+                os.unlink(f"{FOTA}/{name}")
+    put(FOTA + "/update", b"a file")
+    clock.until(lambda: state() == f"refused {FOTA}/update.current: Not a directory", 10, state)
+    require_no_traces(installed)
+    assert len(installed.log.events()) == lines
+    assert {name: processes_of(name) for name in old} == old
+    assert daemon.alive()
+    assert installed.status().status == 0
+
+
+@pytest.mark.parametrize("options, reason", [("size=64k", "small/2: No space left on device"),
+                                             ("ro", "small/1: Read-only file system")])
+def test_an_update_that_cannot_be_laid_down_is_refused_and_leaves_nothing(installed, options, reason):
+    run_up(installed)
+    before = tree(installed)
+    lines = len(installed.log.events())
+    place = installed.path("small")
+    os.mkdir(place)
+    assert processes.run(["/usr/bin/mount", "-t", "tmpfs", "-o", options, "none", place]).status == 0
+    hand_over({"bin/tool": b"", "small/1": bytes(32768), "small/2": bytes(65536)})
+    assert wait_for_end() == "refused " + reason
+    assert os.listdir(place) == []
+    assert tree(installed) == before
+    require_no_traces(installed)
+    assert len(installed.log.events()) == lines
+
+
+def test_an_update_without_a_supervisor_is_refused(installed):
+    os.makedirs(FOTA)
+    before = tree(installed)
+    agent = start_agent(installed)
+    clock.until(lambda: state() == "idle", 5, "the agent")
+    hand_over({"bin/tool": b""})
+    assert wait_for_end() == "refused no supervisor of this installation runs"
+    assert tree(installed) == before
+    require_no_traces(installed)
+    assert agent.alive()
+    assert not processes.running("quorvaned")
+
+
+# The agent itself
+
+
+def test_there_is_one_agent_and_it_ends_well_when_it_is_told_to(installed):
+    run_up(installed)
+    fota = installed.pid_of("fota")
+    assert processes.run([installed.path("bin/fota")], within=5).status == 0
+    assert processes_of("fota") == [fota]
+    for number in (signal.SIGTERM, signal.SIGINT):
+        fota = processes_of("fota")[0]
+        os.kill(fota, number)
+        processes.wait_gone([fota], 5)
+        os.unlink(STATE)
+        agent = start_agent(installed)
+        clock.until(lambda: state() == "idle", 5, "another agent")
+    installed.log.wait_for(f"wait pid({installed.pid_of('fota')}) status(0)")
+    # Its output goes nowhere and its files are its own.
+    assert str(agent.stdout) == "" and str(agent.stderr) == ""
+    assert os.stat(STATE).st_mode & 0o777 == 0o644
+    assert os.stat(RUN + "/logger/fota.log").st_mode & 0o777 == 0o640
+
+
+@pytest.mark.takes(14)
+def test_an_agent_that_is_told_to_end_finishes_its_update_first(installed):
+    daemon = run_up(installed)
+    fota = installed.pid_of("fota")
+    new = other_build(installed)
+    hand_over({"bin/quorvaned": new})
+    clock.until(lambda: state() not in ("idle", "done"), 5, "the beginning of the update")
+    os.kill(fota, signal.SIGTERM)
+    assert wait_for_end() == "done"
+    processes.wait_gone([fota], 5)
+    assert image_of(daemon.pid) == new
+    # Whoever is started now leaves the state as it is.
+    assert state() == "done"
+    require_no_traces(installed)
+
+
+def test_the_log_of_the_agent_is_bounded(installed):
+    put(RUN + "/logger/fota.log", b"x" * 200 * 1024, 0o640)
+    run_up(installed)
+    assert states_of_log() == ["idle"]
+    assert os.path.getsize(RUN + "/logger/fota.log.1") == 200 * 1024
+
+
+# Interruptions
+
+
+def require_whole(gateway, before, files):
+    """The installation is wholly the old one or wholly the new one; tells which."""
+    after = {**before, **{path: (content, 0o100755) for path, content in files.items()}}
+    found = tree(gateway)
+    assert found in (before, after), sorted(path for path in found if found[path] != before.get(path))
+    require_no_traces(gateway)
+    return "old" if found == before else "new"
+
+
+def replaced(gateway, inode):
+    """The supervisor's file is another one."""
+    return os.stat(gateway.program).st_ino != inode
+
+
+MOMENTS = {"verifying": lambda gateway, inode: states_of_log()[-1] != "idle",
+           "copying": lambda gateway, inode: os.path.exists(gateway.program + ".fota-new"),
+           "stopping": lambda gateway, inode: gateway.log.has("start upgrade quorvane......"),
+           "installing": lambda gateway, inode: os.path.exists(gateway.program + ".fota-old"),
+           "installed": replaced,
+           "restarting": lambda gateway, inode: gateway.log.has(FINISH),
+           "answering": lambda gateway, inode: gateway.log.count("quorvaned success to connect dbus daemon") == 2}
+
+
+@pytest.mark.takes(18)
+@pytest.mark.limit(120)
+@pytest.mark.parametrize("moment", MOMENTS)
+def test_an_agent_that_is_killed_at_any_moment_leaves_a_whole_installation_behind(installed, moment):
+    run_up(installed)
+    before = tree(installed)
+    fota = installed.pid_of("fota")
+    inode = os.stat(installed.program).st_ino
+    files = {f"lib/many/{number}": bytes([number]) for number in range(200)}
+    files["bin/quorvaned"] = other_build(installed)
+    hand_over(files)
+    # Not by the usual wait: it looks too seldom.
+    deadline = time.monotonic() + clock.stretched(20)
+    while not MOMENTS[moment](installed, inode):
+        assert time.monotonic() < deadline, f"{moment}: {state()}"
+    os.kill(fota, signal.SIGKILL)
+    processes.wait_gone([fota], 5)
+    # After its restart the supervisor may have started the next agent, and this one leaves.
+    start_agent(installed)
+    assert wait_for_end(60) in ("done", "refused it was interrupted", "rolled-back it was interrupted")
+    kept = require_whole(installed, before, files)
+    assert (kept == "new") == (state() == "done")
+    require_one_of_each(installed)
+
+
+def die_while_stopping(gateway, daemon, files):
+    """The agent dies, its update being laid down, and the supervisor then stops everything and waits."""
+    fota = gateway.pid_of("fota")
+    daemon.signal(signal.SIGSTOP)
+    hand_over(files)
+    clock.until(lambda: state() == "stopping", 10, state)
+    os.kill(fota, signal.SIGKILL)
+    processes.wait_gone([fota], 5)
+    daemon.signal(signal.SIGCONT)
+    # The agent may have died just before it asked.
+    with contextlib.suppress(AssertionError, bus.dbus.exceptions.DBusException):
+        gateway.bus(1).start_upgrade()
+    gateway.log.wait_for(TORN_DOWN, 10)
+    clock.until(lambda: sorted(processes.everybody()) == [daemon.pid], 5, "the supervisor alone")
+
+
+def swap(gateway, files, phase):
+    """Do the agent's work: put new files in place."""
+    for path in files:
+        place = gateway.path(path)
+        if os.path.exists(place):
+            os.link(place, place + ".fota-old")
+        os.rename(place + ".fota-new", place)
+    with open(JOURNAL, "r+b") as file:
+        file.write(f"phase {phase:8}\n".encode())
+
+
+def new_files(gateway):
+    """A new supervisor and a new file."""
+    return {"bin/quorvaned": other_build(gateway), "lib/more/data": b"new data\n"}
+
+
+@pytest.mark.takes(30)
+def test_an_agent_that_died_before_the_first_file_was_replaced_is_followed_by_one_that_clears_up(installed):
+    daemon = run_up(installed)
+    before = tree(installed)
+    die_while_stopping(installed, daemon, new_files(installed))
+    start_agent(installed)
+    assert wait_for_end() == "refused it was interrupted"
+    assert tree(installed) == before
+    require_no_traces(installed)
+    # The supervisor has been waiting, and is the same.
+    assert daemon.alive()
+    require_one_of_each(installed)
+
+
+@pytest.mark.takes(30)
+def test_an_agent_that_died_in_the_middle_of_the_swap_is_followed_by_one_that_undoes_it(installed):
+    daemon = run_up(installed)
+    before = tree(installed)
+    die_while_stopping(installed, daemon, new_files(installed))
+    swap(installed, ["bin/quorvaned"], "swapping")
+    start_agent(installed)
+    assert wait_for_end() == "rolled-back it was interrupted"
+    assert tree(installed) == before
+    require_no_traces(installed)
+    assert daemon.alive()
+    require_one_of_each(installed)
+
+
+@pytest.mark.takes(30)
+def test_an_agent_that_died_right_after_the_swap_is_followed_by_one_that_goes_on(installed):
+    daemon = run_up(installed)
+    files = new_files(installed)
+    die_while_stopping(installed, daemon, files)
+    swap(installed, files, "swapped")
+    start_agent(installed)
+    assert wait_for_end() == "done"
+    assert image_of(daemon.pid) == files["bin/quorvaned"]
+    require_no_traces(installed)
+    require_one_of_each(installed)
+
+
+@pytest.mark.takes(25)
+def test_an_agent_that_died_while_the_supervisor_restarted_is_followed_by_the_one_that_it_starts(installed):
+    daemon = run_up(installed)
+    files = new_files(installed)
+    die_while_stopping(installed, daemon, files)
+    swap(installed, files, "swapped")
+    daemon.signal(signal.SIGUSR2)
+    assert wait_for_end() == "done"
+    assert image_of(daemon.pid) == files["bin/quorvaned"]
+    require_no_traces(installed)
+    require_one_of_each(installed)
+
+
+@pytest.mark.takes(25)
+def test_an_agent_that_finds_the_supervisor_ended_puts_the_old_one_back_and_starts_it(installed):
+    daemon = run_up(installed)
+    before = tree(installed)
+    image = read(installed.program)
+    files = {"bin/quorvaned": b"", "lib/more/data": b"new data\n"}
+    die_while_stopping(installed, daemon, files)
+    swap(installed, files, "swapped")
+    daemon.signal(signal.SIGUSR2)
+    assert daemon.wait(10) == 0
+    start_agent(installed)
+    assert wait_for_end() == "rolled-back the supervisor has ended"
+    require_rolled_back(installed, daemon, before, image)
+
+
+@pytest.mark.takes(30)
+@pytest.mark.parametrize("phase, end", [("swapping", "rolled-back it was interrupted"), ("swapped", "done"),
+                                        ("staged", "refused it was interrupted"), ("done", "done")])
+def test_after_a_power_cut_the_next_start_finds_the_update_and_ends_it(installed, phase, end):
+    daemon = run_up(installed)
+    before = tree(installed)
+    files = new_files(installed)
+    die_while_stopping(installed, daemon, files)
+    swap(installed, {"staged": [], "swapping": ["bin/quorvaned"]}.get(phase, files), phase)
+    daemon.signal(signal.SIGKILL)
+    daemon.wait(10)
+    daemon = installed.start()
+    assert wait_for_end() == end
+    assert require_whole(installed, before, files) == ("new" if end == "done" else "old")
+    assert daemon.alive()
+    assert image_of(daemon.pid) == read(installed.program)
+    require_one_of_each(installed)
+
+
+def test_a_journal_that_means_nothing_is_set_aside(installed):
+    content = b"phase swapping\nroot /some/where/else\nreplaced bin/quorvaned\nend\n"
+    for text in (b"nonsense", content):
+        put(JOURNAL, text, 0o644)
+        before = tree(installed)
+        agent = start_agent(installed)
+        clock.until(lambda text=text: os.path.exists(JOURNAL + ".damaged")
+                    and read(JOURNAL + ".damaged") == text and state() == "idle", 5, state)
+        assert not os.path.exists(JOURNAL)
+        assert tree(installed) == before
+        agent.signal(signal.SIGTERM)
+        assert agent.wait(5) == 0
+
+
+# The command
+
+
+def command(gateway, *words, within=60):
+    """Run the command that hands over an update."""
+    return processes.run([gateway.path("bin/gateway-update"), *words], within=within)
+
+
+@pytest.mark.takes(20)
+def test_the_command_hands_over_a_directory_and_tells_what_becomes_of_it(installed):
+    daemon = run_up(installed)
+    tool = installed.path("new")
+    image = other_build(installed)
+    put(tool + "/bin/quorvaned", image)
+    put(tool + "/config/with blank", b"blank\n", 0o640)
+    shown = command(installed, tool)
+    assert shown.status == 0, str(shown.stderr)
+    lines = str(shown.stdout).splitlines()
+    assert lines[-1] == "done"
+    assert [line for line in states_of_log() if line in lines] == lines
+    assert image_of(daemon.pid) == image
+    assert os.stat(installed.path("config/with blank")).st_mode & 0o777 == 0o640
+    assert sorted(os.listdir(tool)) == ["bin", "config"]
+    require_one_of_each(installed)
+    require_no_traces(installed)
+    assert os.listdir(FOTA) == ["state"]
+
+
+def test_the_command_fails_with_the_update(installed):
+    run_up(installed)
+    new = installed.path("new")
+    put(new + "/bin/tool", b"tool\n")
+    put(new + "/SHA256SUMS", line_of("bin/tool", b"other\n").encode())
+    shown = command(installed, new)
+    assert (shown.status, str(shown.stdout).splitlines()[-1]) == (1, "refused bin/tool: the sum is wrong")
+    # The same end again is seen as well.
+    shown = command(installed, new)
+    assert (shown.status, str(shown.stdout).splitlines()[-1]) == (1, "refused bin/tool: the sum is wrong")
+    for words in ([], [new, new], [new + "/SHA256SUMS"], [new + "/missing"]):
+        assert command(installed, *words).status == 2
+    fota = installed.pid_of("fota")
+    os.kill(fota, signal.SIGTERM)
+    processes.wait_gone([fota], 5)
+    shown = command(installed, new)
+    assert (shown.status, str(shown.stderr)) == (1, "gateway-update: the update agent is not running\n")
+    assert sorted(os.listdir(FOTA)) == ["state", "update.refused"]
