@@ -1,0 +1,21 @@
+"""The short form of every row of scripts/chaos."""
+
+import os
+import sys
+
+import pytest
+from harness.sandbox import REPOSITORY
+
+sys.path.insert(0, os.path.join(REPOSITORY, "chaos"))
+from row import ROWS, Figure, Run  # noqa: E402  (the path comes first)
+import rows  # noqa: E402,F401  (it fills ROWS)
+
+
+@pytest.mark.parametrize("name", [
+    pytest.param(name, marks=[pytest.mark.takes(row.limits["short"] // 2), pytest.mark.limit(row.limits["short"]),
+                              pytest.mark.private(row.sizes)]) for name, row in ROWS.items()])
+def test_what_the_gateway_survives(gateway, name):
+    figures = ROWS[name].body(Run(lambda: gateway, ROWS[name].short, 1, False, quiet=True))
+    assert all(isinstance(figure, Figure) for figure in figures)
+    missed = [f"{figure.text()}, and not {figure.goal}" for figure in figures if not figure.met]
+    assert not missed, "; ".join(missed)
