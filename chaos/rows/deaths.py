@@ -41,7 +41,7 @@ def early_deaths(run):
 
 @row("kill-storm", "kill -9 storm",
      "200 services (600 in the long form, since each is left alone for 30 s after a start), 50 random kills a second",
-     short=100, long=20_000, seconds=(150, 1300))
+     short=60, long=20_000, seconds=(120, 1300))
 def kill_storm(run):
     """Every killed service comes back, once, and in time."""
     gateway = run.gateway()
