@@ -1,6 +1,8 @@
 """Methods and signals on the bus."""
 
 import os
+import re
+import signal
 import time
 
 import dbus
@@ -153,6 +155,41 @@ def test_a_complete_identity_restarts_the_stack_and_its_secret_is_never_logged(g
     assert "s3cr3t" not in log
     assert b"s3cr3t" not in gateway.log.bytes()
     assert all(event.well_formed for event in gateway.log.events())
+
+
+def test_the_handlers_lines_tell_their_level_place_and_function(gateway):
+    gateway.up()
+    client = gateway.bus()
+    client.own("iot.test.traced")
+    client.set_triple("{}")
+    handler = "gateway_tripe_change_member_handler"
+    place = r"tag \[start_up\.cpp\|\d+\]"
+    for line in (rf"trace {place} name_owner_changed_signal_hander: NameOwnerChanged, name:iot\.test\.traced, .*",
+                 rf"failure {place} {handler}: {handler}, get pk/dn/ds fail",
+                 rf'info {place} {handler}: {handler}, result:{{"code":2,"message":"dbus parameter format error"}}'):
+        clock.until(lambda line=line: re.search(rf"^\d{{4}}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{{3}} {line}$", logger_log(),
+                                                re.MULTILINE), 5, logger_log)
+
+
+@pytest.mark.takes(10)
+@pytest.mark.parametrize("how", ["reboot", "kill", "start_upgrade"])
+def test_what_ends_a_cycle_also_ends_it_while_services_are_being_started(gateway, how):
+    gateway.catalogue(Service("first"), Service("slow", delay=60), Service("last"))
+    daemon = gateway.start()
+    slow = gateway.log.wait_for("run slow pid %d")
+    if how == "kill":
+        os.kill(gateway.pid_of("dbus-daemon"), signal.SIGKILL)
+    else:
+        gateway.bus().call(DAEMON, how)
+    down = gateway.log.wait_for("stop dbus-daemon, kill -15 %d", after=slow)
+    gateway.log.sequence("success to startup business service", "stop monitor service", "stop business service",
+                         f"kill -15 slow({slow.values[0]})", "kill -15 first(%d)", "stop dbus daemon", after=slow)
+    assert gateway.log.count("begin to monitor business service") == gateway.log.count("running last service") == 0
+    if how == "start_upgrade":
+        clock.stays(lambda: not gateway.log.has("running dbus daemon", after=down), 2.5, "no further cycle")
+    else:
+        gateway.log.wait_for("run slow pid %d", after=down)
+    assert daemon.alive()
 
 
 def test_unknown_members_interfaces_and_paths_get_their_error_at_once(gateway):

@@ -103,6 +103,16 @@ def test_a_smaller_log_keeps_what_it_holds(gateway):
     assert os.path.getsize(LOG) > 1000
 
 
+@pytest.mark.takes(4)
+@pytest.mark.parametrize("move", [os.unlink, lambda path: os.rename(path, path + ".1")], ids=["removed", "moved"])
+def test_a_log_that_was_removed_or_moved_begins_anew_with_the_next_line(gateway, move):
+    gateway.up()
+    move(LOG)
+    gateway.bus().reboot()
+    gateway.log.wait_for("stop monitor service")
+    assert gateway.log.events()[0].index == 0 and gateway.log.texts()[0] == "stop monitor service"
+
+
 def test_a_long_line_is_cut_to_1022_characters_and_loses_its_newline(gateway):
     gateway.prepare_run_directory()
     gateway.command("x" * 3000, "b")

@@ -174,6 +174,33 @@ def test_sigusr2_and_then_sigterm_end_with_status_0(gateway, pause):
     clock.until(lambda: not processes.everybody(), 2, "an empty machine")
 
 
+@pytest.mark.takes(10)
+@pytest.mark.parametrize("launched", [False, True], ids=["nofork", "launched"])
+@pytest.mark.parametrize("moment", ["key-chain", "services"])
+def test_sigusr2_during_the_start_begins_it_anew(gateway, moment, launched):
+    once = "[ -e ../begun ] || { : >../begun; exec sleep 1000; }"
+    gateway.catalogue(Service("slow", delay=2 if moment == "services" else 0), Service("last", monitor=1))
+    gateway.script("deploy_sst", once if moment == "key-chain" else ": >../begun")
+    if launched:
+        launcher = gateway.launch()
+        daemon = gateway.daemon_of(launcher)
+    else:
+        daemon = gateway.start()
+    clock.until(lambda: os.path.exists(gateway.path("begun")), 10, "the key-chain tool")
+    if moment == "services":
+        gateway.log.wait_for("run slow pid %d")
+    upgrade(gateway, daemon)
+    lines = gateway.log.sequence(CAUGHT, FINISH, NEW_IMAGE, "running dbus daemon", "running last service", UP)
+    assert gateway.log.count("running last service") == 1
+    assert {line.pid for line in lines} == {daemon.pid}
+    assert processes.arguments(daemon.pid) == [gateway.program, "--nofork"]
+    assert processes.lock_owner(PID_FILE) == daemon.pid
+    assert gateway.status().status == 0
+    if launched:
+        assert launcher.wait(10) == 0
+        assert str(launcher.stdout).endswith("quorvaned: start up completed\n")
+
+
 @pytest.mark.takes(12)
 def test_sigusr2_during_the_end_still_replaces_the_image(gateway):
     gateway.catalogue(Service("svc", monitor=1))

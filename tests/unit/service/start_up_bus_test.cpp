@@ -64,6 +64,9 @@ TEST_F(BusHandlers, TripleWithoutArgumentIsRefused) {
   EXPECT_EQ(cycles(), 1U);
   EXPECT_THAT(world.printed, Contains("2 gateway_tripe_change_member_handler: gateway_tripe_change_member_handler, "
                                       "get dbus parameter fail"));
+  EXPECT_EQ(world.printed.at(1),
+            "1 gateway_tripe_change_member_handler: gateway_tripe_change_member_handler, "
+            "result:{\"code\":1,\"message\":\"invaild dbus parameter\"}");
 }
 
 TEST_F(BusHandlers, TripleThatIsNoJsonIsRefused) {
@@ -104,7 +107,9 @@ TEST_F(BusHandlers, CompleteTripleIsStoredAndRestartsTheStack) {
   });
   EXPECT_EQ(cycles(), 2U);
   EXPECT_THAT(world.printed,
-              Contains("1 gateway_tripe_change_member_handler: gateway_tripe_change_member_handler, pk:pk dn:dn"));
+              ElementsAre("1 gateway_tripe_change_member_handler: gateway_tripe_change_member_handler, pk:pk dn:dn",
+                          "1 gateway_tripe_change_member_handler: gateway_tripe_change_member_handler, "
+                          "result:{\"code\":0,\"message\":\"Success\"}"));
   for (const std::string& line : world.printed) EXPECT_THAT(line, Not(HasSubstr("topsecret")));
 }
 
