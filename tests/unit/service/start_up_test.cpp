@@ -306,6 +306,14 @@ TEST_F(Startup, StartFailsWithoutACatalogue) {
   EXPECT_THAT(world.thread_events, Not(Contains("create start_up_thread")));
 }
 
+TEST_F(Startup, StartFailsWithoutItsThread) {
+  directory.write("[]");
+  startup = create({});
+  world.on_fork = [this](int32_t pid) { world.end_child(pid); };  // the key-chain tool
+  world.thread_creation_fails = true;
+  EXPECT_FALSE(startup->start());
+}
+
 TEST_F(Startup, StartBeginsTheControllerThread) {
   directory.write("[]");
   startup = create({});
