@@ -377,7 +377,8 @@ def test_protected_values_need_the_key_chain_and_the_others_do_not(by_hand):
         fact("others are read", client.get("plain") == (SUCCESS, "1"))
         assert processes.run([by_hand.installed.path("bin/deploy_sst")]).status == 0  # another one
         fact("another key chain does not unseal it", client.get("sealed") == (UNSEALABLE, ""))
-        fact("but seals new ones", client.set("more", "new", True) == SUCCESS and client.get("more") == (SUCCESS, "new"))
+        fact("but seals new ones", client.set("more", "new", True) == SUCCESS
+             and client.get("more") == (SUCCESS, "new"))
         os.rename(chain + ".away", chain)
         fact("it was kept for its own", client.get("sealed") == (SUCCESS, SECRET))
     by_hand.stop()
@@ -533,7 +534,8 @@ def test_the_command_line_gets_sets_flushes_and_resets(installed):
              and client.get("a") == (SUCCESS, "--protected"))
         fact("from standard input", tool(installed, "set", "--protected", "b", "-", text="two\nlines\n") == (0, "", "")
              and client.get("b") == (SUCCESS, "two\nlines"))
-        fact("an empty value removes", tool(installed, "set", "b", "") == (0, "", "") and client.get("b")[0] == NO_VALUE)
+        fact("an empty value removes", tool(installed, "set", "b", "") == (0, "", "")
+             and client.get("b")[0] == NO_VALUE)
         fact("the longest value", tool(installed, "set", "b", "-", text="x" * 65536 + "\n") == (0, "", "")
              and client.get("b") == (SUCCESS, "x" * 65536))
         fact("a longer one", tool(installed, "set", "b", "-", text="x" * 65537)
@@ -543,7 +545,8 @@ def test_the_command_line_gets_sets_flushes_and_resets(installed):
         fact("a refusal is status 1", tool(installed, "set", "k" * 256, "1")[0] == 1)
         fact("a reset wants to be meant", tool(installed, "reset")[0] == 2 and client.get("a")[0] == SUCCESS)
         fact("a reset", tool(installed, "reset", "--yes") == (0, "", "") and client.get("a")[0] == NO_VALUE)
-    for words in ([], ["get"], ["get", "a", "b"], ["set", "a"], ["set", "--secret", "a", "b"], ["flush", "now"], ["list"]):
+    for words in ([], ["get"], ["get", "a", "b"], ["set", "a"], ["set", "--secret", "a", "b"], ["flush", "now"],
+                  ["list"]):
         status, output, complaint = tool(installed, *words)
         assert (status, output) == (2, "") and "usage: gateway-config get KEY" in complaint
     for words in (["get", b"\xff"], ["set", b"\xff", "1"], ["set", "a", b"\xff"]):

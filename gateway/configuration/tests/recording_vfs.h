@@ -1,5 +1,5 @@
 // A file system for SQLite that works on the real one and remembers each step, so that it can be told what a loss of
-// power at any moment may leave on a disk: everything that was synced, and of the rest any of its sectors, in any order.
+// power at any moment may leave on a disk: everything that was synced, and of the rest any sectors, in any order.
 #pragma once
 
 #include <sqlite3.h>
