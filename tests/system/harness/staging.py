@@ -35,7 +35,7 @@ def _programs(build):
         "quorvaned": os.environ.get("QUORVANED_BINARY") or os.path.join(build, "service", "quorvaned"),
         "probe_service": os.environ.get("QUORVANED_PROBE")
                          or os.path.join(build, "tests", "system", "services", "probe_service"),
-        "quorvaned_next": os.path.join(build, "tests", "system", "services", "quorvaned_next"),
+        "quorvaned_next": os.path.join(build, "service", "quorvaned_next"),
         "dbus-daemon": "/usr/bin/dbus-daemon",
     }
 
