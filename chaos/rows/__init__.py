@@ -1,3 +1,4 @@
 """The rows, in the order of the table."""
 
-from . import deaths, ends  # noqa: F401
+from . import deaths, ends, cycles  # noqa: F401
+

@@ -1,0 +1,72 @@
+"""Processes of a row's own that look on, or that keep a gateway busy. They end with the row."""
+
+import fcntl
+import os
+import signal
+import time
+
+import dbus
+from harness import processes
+from harness.bus import WATCHDOG, Bus
+from harness.sandbox import PR_SET_PDEATHSIG, prctl
+
+
+def _beside(body):
+    """Run it in a child; give the pid."""
+    pid = os.fork()
+    if pid == 0:
+        try:
+            signal.setitimer(signal.ITIMER_REAL, 0)
+            signal.signal(signal.SIGALRM, signal.SIG_DFL)
+            prctl(PR_SET_PDEATHSIG, signal.SIGKILL)
+            body()
+        finally:
+            os._exit(0)
+    return pid
+
+
+def end(pid):
+    """End one of them."""
+    processes.reap()
+    if processes.alive(pid):
+        os.kill(pid, signal.SIGKILL)
+
+
+class LockWatch:
+    """Waits for a lock that is never to be free: the kernel gives it away at the very moment when nobody holds it."""
+
+    def __init__(self, path):
+        self._pid = _beside(lambda: fcntl.lockf(os.open(path, os.O_RDWR), fcntl.LOCK_EX))
+
+    def was_free(self):
+        """Whether it has been free, if only for an instant."""
+        return not processes.alive(self._pid)
+
+    def stop(self):
+        """Wait no more."""
+        end(self._pid)
+
+
+class Load:
+    """A client that feeds keep-alives and asks for the report, two hundred times a second, and comes back whenever its
+    bus has gone."""
+
+    def __init__(self):
+        self.pid = _beside(self._work)
+
+    @staticmethod
+    def _work():
+        while True:
+            try:
+                client = Bus(within=600)
+                for number in range(1 << 30):
+                    client.send(WATCHDOG, "feedDog", "ssi", "iot.test.named", f"load{number % 50}", 600)
+                    if number % 4 == 0:
+                        client.report()
+                    time.sleep(0.005)
+            except (dbus.exceptions.DBusException, OSError):
+                time.sleep(0.02)
+
+    def stop(self):
+        """No more."""
+        end(self.pid)
