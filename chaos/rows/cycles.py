@@ -88,8 +88,8 @@ def upgrades(run):
             *[figure for figure in usage.gained(daemon, slack=1024) if "descriptors" in figure.what]]
 
 
-@row("cycles", "restarts, cycles and upgrades", "\"reboot\" (every third time) or SIGUSR2 under load; the services record "
-     "their signals", short=9, long=1000, seconds=(90, 1300))
+@row("cycles", "restarts, cycles and upgrades",
+     "\"reboot\" (every third time) or SIGUSR2 under load; the services record their signals", short=9, long=1000, seconds=(90, 1300))
 def cycles(run):
     """No service gets a signal, or ends by one, that no line announces."""
     gateway = run.gateway()
