@@ -26,7 +26,6 @@ Code Configuration::get(std::string_view key, std::string& value) {
 Code Configuration::set(std::string_view key, std::string_view value, bool is_protected) {
   if (!is_good(key)) return Code::bad_key;
   if (value.size() > value_limit) return Code::value_too_long;
-  if (value.empty()) return store_.remove(key);
   Entry entry{{}, is_protected};
   if (is_protected) {
     const Code code = sealer_.seal(key, value, entry.bytes);

@@ -21,7 +21,7 @@ class Configuration {
 
   // Gives the value; after a failure it is empty. The caller wipes it.
   [[nodiscard]] Code get(std::string_view key, std::string& value);
-  // An empty value removes the key. `is_protected`: it is stored sealed, and nothing of it in clear.
+  // An empty value is a value. `is_protected`: it is stored sealed, and nothing of it in clear.
   [[nodiscard]] Code set(std::string_view key, std::string_view value, bool is_protected);
 
   // The store, for everything that has nothing to do with single values.

@@ -50,8 +50,6 @@ bool Database::moved() const {
 
 bool Database::refuses_writing() const { return sqlite3_db_readonly(handle_.get(), "main") == 1; }
 
-bool Database::changed() const { return sqlite3_changes(handle_.get()) > 0; }
-
 void Database::check(int result) const {
   if (result != SQLITE_OK) fail();
 }

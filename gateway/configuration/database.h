@@ -41,8 +41,6 @@ class Database {
   [[nodiscard]] bool moved() const;
   // True when SQLite would write nothing into it.
   [[nodiscard]] bool refuses_writing() const;
-  // True when the last INSERT, UPDATE or DELETE has changed something.
-  [[nodiscard]] bool changed() const;
 
  private:
   friend class Statement;

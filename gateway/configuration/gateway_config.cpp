@@ -26,7 +26,7 @@ constexpr const char* usage =
     "       gateway-config flush\n"
     "       gateway-config reset --yes\n"
     "\n"
-    "A value of - is read from standard input, without the end of its last line; an empty one removes the key.\n"
+    "A value of - is read from standard input, without the end of its last line.\n"
     "Exit status: 0 done, 1 not done, 2 wrong usage, 3 the key has no value.\n";
 
 constexpr const char* name = "iot.dmp.configmanager";

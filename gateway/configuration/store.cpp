@@ -108,22 +108,13 @@ Code Store::get(std::string_view key, Entry& entry) {
 
 Code Store::set(std::string_view key, const Entry& entry) {
   return work(Access::write, [&](Database& database) {
-    if (entry.sealed && !traces_) {
+    if ((entry.sealed || entry.bytes.empty()) && !traces_) {
       Statement clear(database, "SELECT 1 FROM config WHERE key = ?1 AND sealed = 0");
       traces_ = clear.bind_text(1, key).step();
     }
     Statement insert(database, insert_sql);
     write_row(insert, key, entry.bytes, entry.sealed);
     unflushed_ = true;
-    return Code::success;
-  });
-}
-
-Code Store::remove(std::string_view key) {
-  return work(Access::write, [&](Database& database) {
-    Statement removal(database, "DELETE FROM config WHERE key = ?1");
-    (void)removal.bind_text(1, key).step();
-    if (database.changed()) unflushed_ = traces_ = true;
     return Code::success;
   });
 }

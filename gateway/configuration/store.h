@@ -40,7 +40,6 @@ class Store {
   // `success` or `no_value`.
   [[nodiscard]] Code get(std::string_view key, Entry& entry);
   [[nodiscard]] Code set(std::string_view key, const Entry& entry);
-  [[nodiscard]] Code remove(std::string_view key);
   // Removes everything, also what was set aside; safe on the disk when it has succeeded.
   [[nodiscard]] Code reset();
   // Fails also when accepted writes have been lost since the last flush, by damage or because the files were removed.

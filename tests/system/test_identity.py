@@ -285,7 +285,7 @@ def test_many_identities_in_quick_succession_end_with_the_last_one_accepted(site
 
 
 @pytest.mark.takes(12)
-@pytest.mark.parametrize("deploy, switch, expected", [("x", "0", "on"), ("x", "1", "off"), ("x", None, "off")])
+@pytest.mark.parametrize("deploy, switch, expected", [("", None, "on"), ("x", "0", "on"), ("x", "1", "off"), ("x", None, "off")])
 def test_the_high_availability_switch_follows_what_is_stored(site, deploy, switch, expected):
     with open(site.path("config/services.json"), encoding="utf-8") as file:
         entries = json.load(file)

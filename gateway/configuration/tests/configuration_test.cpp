@@ -34,13 +34,14 @@ TEST_F(Configured, a_key_without_a_value_gives_an_empty_one_and_says_so) {
   EXPECT_EQ(code, Code::no_value);
 }
 
-TEST_F(Configured, an_empty_value_removes_the_key) {
+TEST_F(Configured, an_empty_value_is_a_value) {
+  root.make_key_chain(1);
   ASSERT_EQ(configuration->set("a", "1", false), Code::success);
   EXPECT_EQ(get("a"), "1");
   for (const bool is_protected : {false, true}) {
     EXPECT_EQ(configuration->set("a", "", is_protected), Code::success);
     EXPECT_EQ(get("a"), "");
-    EXPECT_EQ(code, Code::no_value);
+    EXPECT_EQ(code, Code::success);
   }
 }
 

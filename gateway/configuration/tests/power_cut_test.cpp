@@ -50,8 +50,8 @@ class PowerCut : public ::testing::Test {
       next.clear();
     } else if (choice < 12) {
       const std::string name = key(random());
-      ASSERT_EQ(real.remove(name), Code::success);
-      next.erase(name);
+      ASSERT_EQ(real.set(name, {}), Code::success);
+      next[name].clear();
     } else {
       const std::string name = key(random());
       next[name] = std::to_string(store.size()) + std::string(random() % 3 == 0 ? random() % 20000 : 10, '.');
