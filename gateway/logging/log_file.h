@@ -1,8 +1,8 @@
 // A log file of bounded size, with its old ones: "x.log", and "x.log.1" (the youngest), "x.log.2", ...
 //
 // Lines are written by write(2), without a buffer in between and without a library's log sink: the service answers for
-// each line that it is in the file, and must know that it is not. A stream keeps what it could not write, and writes it,
-// or half of it, later.
+// each line that it is in the file, and must know when it is not. A stream keeps what it could not write, and writes
+// it, or half of it, later.
 #pragma once
 
 #include <sys/types.h>

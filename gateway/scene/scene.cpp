@@ -1,8 +1,8 @@
 // scene: runs scenes, that is, sets a list of things to the values that the scene's name stands for.
 //
-// It takes the name iot.gateway.scene. The scenes are in config/scenes.json of the installation; what has been set is in
-// /quorvane/run/scene/state, and is taken up again by the next process. With -level=1 high availability is on: the same
-// text is kept in /quorvane/run/scene/partner/state too, for the partner to fetch.
+// It takes the name iot.gateway.scene. The scenes are in config/scenes.json of the installation; what has been set is
+// in /quorvane/run/scene/state, and is taken up again by the next process. With -level=1 high availability is on: the
+// same text is kept in /quorvane/run/scene/partner/state too, for the partner to fetch.
 //
 // usage: scene [--scenes=FILE] [-script=PID] [-level=0|1]
 //        scene -stop    stops what startSC.sh has started

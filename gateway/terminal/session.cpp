@@ -12,8 +12,8 @@
 namespace gateway {
 namespace {
 
-// What the terminal's line editing takes for the end of the input, when it stands at the beginning of a line. To a shell
-// an empty line in front of it is nothing.
+// What the terminal's line editing takes for the end of the input, when it stands at the beginning of a line. An empty
+// line in front of it is nothing to a shell.
 constexpr char end_of_input[] = {'\n', '\x04'};
 
 // In the child. Whatever the daemon has set for itself is set back.

@@ -14,6 +14,7 @@ import dbus.lowlevel
 import pytest
 from harness import bus, clock, processes
 from harness.gateway import RUN, UP
+from harness.sandbox import REPOSITORY
 
 LOGGER = ("iot.gateway.logger", "/iot/gateway/logger", "iot.gateway.logger")
 DIRECTORY = RUN + "/logger/services"
@@ -108,6 +109,17 @@ def test_wrong_calls_are_refused_and_change_nothing(installed):
     assert not [name for name in os.listdir(DIRECTORY) if not name.startswith("quorvaned")]
     shown = processes.run(["/usr/bin/busctl", f"--address={bus.ADDRESS}", "introspect", "--no-legend", *LOGGER])
     assert str(shown.stdout).split() == [".log", "method", "siss", "-", "-"]
+
+
+def test_the_documented_commands_write_a_line(installed):
+    installed.up()
+    with open(os.path.join(REPOSITORY, "docs", "logging.md"), encoding="utf-8") as file:
+        block = file.read().split("```sh\n")[1].split("```")[0]
+    commands, shown = block.split("tail -f ")
+    assert processes.run(["/bin/sh", "-ec", commands]).status == 0
+    settle(installed.bus())
+    assert shown.strip() == DIRECTORY + "/my-service.log"
+    assert [LINE.fullmatch(line).groups() for line in lines("my-service")] == [("info", "main", "it works")] * 2
 
 
 def flood(module, count):

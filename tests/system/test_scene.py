@@ -297,11 +297,17 @@ def test_a_stop_leaves_programs_that_were_started_otherwise_alone(script):
     with open("/tmp/startSC.sh", "w", encoding="ascii") as file:
         file.write("sleep 60; :")
     elsewhere = processes.spawn(["/bin/sh", "./startSC.sh"], cwd="/tmp")
-    editor = processes.spawn(["/usr/bin/tail", "-f", "./startSC.sh"], cwd=script.bin)
+    editor = processes.spawn(["/usr/bin/tail", "./startSC.sh", "-f"], cwd=script.bin)
     pid = owner()
     stop_script(script)
     assert owner() == pid
     assert elsewhere.alive() and editor.alive()
+
+
+def test_a_program_whose_script_has_ended_already_ends_at_once(script):
+    script.raw_catalogue("[]")
+    script.up()
+    assert processes.run(["./scene", "-script=1"], cwd=script.bin).status == 0
 
 
 def test_a_stuck_program_is_killed_by_the_stop(script):

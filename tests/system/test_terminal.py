@@ -324,7 +324,7 @@ def test_the_command_for_it_hands_a_terminal_through_and_gives_it_back(installed
     # What comes from the shell comes to a terminal that has been made ready.
     output.wait_for("columns 99\r\n", 10)
     os.write(master, b"stty size\r")
-    output.wait_for("\n33 99\r\n", 10)
+    output.wait_for("33 99\r\n", 10)
     # Control-C reaches the shell's command, not the client.
     os.write(master, b"sleep 1000\r")
     clock.until(lambda: processes.running("sleep"), 5, "the command")
