@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
+#include <exception>
 #include <filesystem>
 #include <fstream>
 #include <system_error>
@@ -142,6 +143,19 @@ DBusHandlerResult BusService::on_message(DBusConnection*, DBusMessage* message, 
   return static_cast<BusService*>(self)->answer(message);
 }
 
+namespace {
+
+// The error that the method has for the caller; none when its results are in the reply.
+DBusMessage* run(const BusService::Method& method, DBusMessage* call, DBusMessage* reply) {
+  try {
+    return method(call, reply) ? nullptr : dbus_message_new_error(call, DBUS_ERROR_INVALID_ARGS, "wrong arguments");
+  } catch (const std::exception& problem) {
+    return dbus_message_new_error(call, DBUS_ERROR_FAILED, problem.what());
+  }
+}
+
+}  // namespace
+
 DBusHandlerResult BusService::answer(DBusMessage* call) {
   DBusMessage* reply = dbus_message_new_method_return(call);
   if (dbus_message_is_method_call(call, DBUS_INTERFACE_INTROSPECTABLE, "Introspect")) {
@@ -157,9 +171,10 @@ DBusHandlerResult BusService::answer(DBusMessage* call) {
       // libdbus then answers with the standard error.
       return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
     }
-    if (!found->second(call, reply)) {
+    DBusMessage* const error = run(found->second, call, reply);
+    if (error != nullptr) {
       dbus_message_unref(reply);
-      reply = dbus_message_new_error(call, DBUS_ERROR_INVALID_ARGS, "wrong arguments");
+      reply = error;
     }
   }
   if (!dbus_message_get_no_reply(call)) dbus_connection_send(connection_, reply, nullptr);

@@ -5,7 +5,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
-#include <exception>
+#include <stdexcept>
 #include <string>
 
 #include "log_store.h"
@@ -19,7 +19,7 @@ constexpr const char* introspection = R"(
     <arg name="tag" type="s" direction="in"/><arg name="text" type="s" direction="in"/>
   </method>)";
 
-// False, and thereby an error for the caller, also when the line could not be written: an answer is a promise.
+// An answer is a promise: when the line could not be written the caller gets an error.
 bool write_line(gateway::LogStore& store, DBusMessage* call) {
   const char* module = nullptr;
   dbus_int32_t level = 0;
@@ -29,11 +29,8 @@ bool write_line(gateway::LogStore& store, DBusMessage* call) {
                              DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID)) {
     return false;
   }
-  try {
-    return store.write(module, level, tag, text);
-  } catch (const std::exception&) {
-    return false;  // no memory for the line
-  }
+  if (!store.write(module, level, tag, text)) throw std::runtime_error("the line could not be written");
+  return true;
 }
 
 }  // namespace

@@ -303,7 +303,7 @@ def test_lines_that_cannot_be_written_are_counted_and_told_afterwards(installed)
         pass
     for _ in range(5):
         send(client, "m", "lost")
-    assert client.error(LOGGER, "log", "siss", "m", 1, "tag", "lost").startswith("org.freedesktop.DBus.Error.")
+    assert client.error(LOGGER, "log", "siss", "m", 1, "tag", "lost") == "org.freedesktop.DBus.Error.Failed"
     os.unlink(DIRECTORY)
     os.rename(DIRECTORY + ".aside", DIRECTORY)
     log(client, "m", "after")
