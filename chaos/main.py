@@ -1,11 +1,12 @@
 """Runs rows of the table and writes what came out. Called by scripts/chaos.
 
-usage: scripts/chaos [--long] [--again] [--seed N] [--record] [ROW...]
+usage: scripts/chaos [--long] [--again] [--seed N] [--amount N] [--record] [ROW...]
        scripts/chaos --list
 
   --long    the long form, at most twenty minutes a row; what has been done on this commit is not done again
   --again   ... but now it is
   --seed N  begin all chance with this number; else with the time
+  --amount N  do so much instead; such a result is not kept
   --record  write the results of the long form that are kept into docs/reliability.md
   --list    name the rows
 
@@ -67,7 +68,7 @@ def kept(name):
         return None
 
 
-def run(row, form, seed, stage):
+def run(row, form, amount, seed, stage):
     """Throw a row's fault; give what is to be kept."""
     def body():
         count = 0
@@ -76,7 +77,7 @@ def run(row, form, seed, stage):
             nonlocal count
             count += 1
             return Gateway(stage, os.path.join(stage, f"{row.name}.{count}"))
-        figures = row.body(Run(make_gateway, getattr(row, form), seed, form == "long"))
+        figures = row.body(Run(make_gateway, amount or getattr(row, form), seed, form == "long"))
         return [vars(figure) for figure in figures]
 
     begin = time.monotonic()
@@ -123,11 +124,13 @@ def record():
 def main():
     """Do what was asked for."""
     words = sys.argv[1:]
-    seed = int(time.time())
-    if "--seed" in words:
-        place = words.index("--seed")
-        seed = int(words[place + 1])
-        del words[place:place + 2]
+    numbers = {"--seed": int(time.time()), "--amount": 0}
+    for option in numbers:
+        if option in words:
+            place = words.index(option)
+            numbers[option] = int(words[place + 1])
+            del words[place:place + 2]
+    seed, amount = numbers.values()
     options = {word for word in words if word.startswith("--")}
     names = [word for word in words if not word.startswith("--")]
     if options - {"--long", "--again", "--record", "--list"} or set(names) - set(ROWS):
@@ -145,11 +148,11 @@ def main():
     met = True
     try:
         for name in names or ROWS:
-            result = kept(name) if form == "long" and "--again" not in options else None
+            result = kept(name) if form == "long" and "--again" not in options and not amount else None
             if result is None or result["commit"] != commit():
                 print(f"{name} ...", file=sys.stderr, flush=True)
-                result = run(ROWS[name], form, seed, stage)
-                if form == "long":
+                result = run(ROWS[name], form, amount, seed, stage)
+                if form == "long" and not amount:
                     with open(kept_path(name), "w", encoding="utf-8") as file:
                         json.dump(result, file, indent=1)
             met = show(ROWS[name], result) and met
