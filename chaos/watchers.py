@@ -1,8 +1,11 @@
 """Processes of a row's own that look on, or that keep a gateway busy. They end with the row."""
 
 import fcntl
+import math
+import mmap
 import os
 import signal
+import struct
 import time
 
 import dbus
@@ -84,6 +87,58 @@ class Recycler:
         while True:
             os.pwrite(file, b"2", 0)
             time.sleep(0.001)
+
+    def stop(self):
+        """No more."""
+        end(self._pid)
+
+
+class Feeder:
+    """A client that feeds many keep-alives of one second of a service, one after the other and each again after `every`
+    seconds. It knows when it was too late itself: a feed counts as in time when it has been handled before the second
+    after the deadline of the one before it."""
+
+    LAYOUT = "qqd"
+
+    def __init__(self, name, keys, every):
+        self._shared = mmap.mmap(-1, mmap.PAGESIZE)
+        self._pid = _beside(lambda: self._work(name, keys, every))
+
+    def _work(self, name, keys, every):
+        client = Bus()
+        earlier = [math.inf] * keys  # the earliest moment at which the daemon can have taken it
+        feeds = late = 0
+        late_at = 0.0
+        due = time.monotonic()
+        while True:
+            time.sleep(max(0.0, due - time.monotonic()))
+            due += every / keys
+            begin = time.monotonic()
+            client.feed(name, f"key{feeds % keys}", 1)  # it has been handled when this returns
+            last = earlier[feeds % keys]
+            if last != math.inf and time.monotonic() >= math.floor(last) + 2:
+                late, late_at = late + 1, time.time()
+            earlier[feeds % keys] = begin
+            feeds += 1
+            struct.pack_into(self.LAYOUT, self._shared, 0, feeds, late, late_at)
+
+    def _value(self, place):
+        return struct.unpack_from(self.LAYOUT, self._shared)[place]
+
+    @property
+    def feeds(self):
+        """How many it has sent."""
+        return self._value(0)
+
+    @property
+    def late(self):
+        """How many of them too late."""
+        return self._value(1)
+
+    @property
+    def late_at(self):
+        """When it was late for the last time."""
+        return self._value(2)
 
     def stop(self):
         """No more."""
