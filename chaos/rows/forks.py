@@ -71,8 +71,8 @@ def recycled_pids(run):
 
 
 def open_children(daemon):
-    """Handles of its living children: unlike numbers they mean the same process for ever."""
-    handles = {pid: os.pidfd_open(pid) for pid in daemon.services()}
+    """Handles of its services: unlike numbers they mean the same process for ever. The bus has to carry the reboot."""
+    handles = {pid: os.pidfd_open(pid) for pid in daemon.services() if processes.program(pid) != "dbus-daemon"}
     still = set(processes.children(daemon.pid))
     for pid in set(handles) - still:
         os.close(handles.pop(pid))

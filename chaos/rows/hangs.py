@@ -29,7 +29,7 @@ def hanging_service(run):
     gateway.up(within=60)
     feeder = Feeder("iot.test.edge", keys=90 if run.is_long else 30, every=0.95 if run.is_long else 0.7)
     hangs = Hangs(gateway, run, names)
-    feeds = 100_000 if run.is_long else 300
+    feeds = run.amount * (67 if run.is_long else 30)
     while hangs.restarts < run.amount or feeder.feeds < feeds:
         hangs.take(pages.turn())
         hangs.stop_due()
