@@ -1,7 +1,10 @@
 // The file behind the start-up log.
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <ctime>
 
 #include "paths.h"
 #include "startup_log.h"
@@ -19,6 +22,20 @@ int open_log(int flags) noexcept {
   return ::open(Paths::startup_log, flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, log_mode);
 }
 
+// One writer at a time, or two that look at the size together both write beyond the limit, or empty the file one after
+// the other. Waited for in steps and not for ever: the holder may have been stopped, or be what a fault has interrupted
+// on this very thread. Without the lock a line is still one write.
+void lock_log(int fd) noexcept {
+  constexpr int32_t attempts = 200;
+  constexpr timespec pause{0, 100'000};
+  for (int32_t attempt = 0; attempt < attempts && ::flock(fd, LOCK_EX | LOCK_NB) != 0; ++attempt) {
+    (void)::nanosleep(&pause, nullptr);
+  }
+}
+
+// Not by closing: a child that was forked meanwhile has the descriptor too.
+void unlock_log(int fd) noexcept { (void)::flock(fd, LOCK_UN); }
+
 }  // namespace
 
 int64_t startup_log_size() noexcept {
@@ -33,12 +50,14 @@ void append_startup_log(std::string_view line) noexcept {
   // O_APPEND also after emptying it: two writers at the limit must not write over each other.
   const int fd = open_log(O_WRONLY | O_APPEND | O_CREAT);
   if (fd < 0) return;
+  lock_log(fd);
   struct stat status {};
   if (::fstat(fd, &status) == 0) {
     if ((status.st_mode & mode_bits & ~log_mode) != 0) (void)::fchmod(fd, status.st_mode & log_mode);  // not ours
     if (status.st_size > size_limit) (void)!::ftruncate(fd, 0);  // else it grows on
   }
   (void)!::write(fd, line.data(), line.size());  // a full disk drops the line
+  unlock_log(fd);
   (void)::close(fd);
 }
 

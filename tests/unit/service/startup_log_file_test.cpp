@@ -1,7 +1,12 @@
 // The file behind the start-up log, at its real place.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -109,6 +114,37 @@ TEST_F(StartupLogFile, LinesOfManyThreadsStayWholeAtTheLimitToo) {
   }
   EXPECT_GT(seen, 0);
   EXPECT_LE(startup_log_size(), 262144 + 124);
+}
+
+TEST_F(StartupLogFile, IsNeverMoreThanOneLineBeyondTheLimit) {
+  const std::string line(1022, 'x');
+  std::vector<pid_t> writers;
+  for (int32_t writer = 0; writer < 5; ++writer) {
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+      int64_t largest = 0;
+      for (int32_t number = 0; number < 20000; ++number) {
+        append_startup_log(line);
+        largest = std::max(largest, startup_log_size());
+      }
+      ::_exit(largest <= 262144 + 1022 ? 0 : 1);
+    }
+    writers.push_back(pid);
+  }
+  for (const pid_t pid : writers) {
+    int status = -1;
+    EXPECT_EQ(::waitpid(pid, &status, 0), pid);
+    EXPECT_EQ(status, 0);
+  }
+}
+
+TEST_F(StartupLogFile, ThatSomebodyKeepsLockedTakesTheLineAllTheSame) {
+  append_startup_log("one\n");
+  const int holder = ::open(Paths::startup_log, O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(::flock(holder, LOCK_EX), 0);
+  append_startup_log("two\n");
+  EXPECT_EQ(content(), "one\ntwo\n");
+  (void)::close(holder);
 }
 
 }  // namespace
