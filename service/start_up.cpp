@@ -47,9 +47,11 @@ constexpr std::array<const char*, 3> access_server_keys = {"gw_system_as_host", 
 constexpr std::array<const char*, 3> remote_access_keys = {"gw_remoteaccess_cloud_host", "gw_remoteaccess_cloud_port",
                                                            "gw_remoteaccess_tls_type"};
 
+// A value that the bus does not carry could not be written, and is as good as missing.
 template <class Group>
 bool is_complete(const Group& group) {
-  return std::none_of(group.begin(), group.end(), [](const std::string& value) { return value.empty(); });
+  return std::all_of(group.begin(), group.end(),
+                     [](const std::string& value) { return !value.empty() && Text::is_bus_text(value); });
 }
 
 // Whether a call may have reached the configuration service.
@@ -377,7 +379,7 @@ bool CStartup::write_group(const Keys& keys, const Group& values, bool last_is_p
     const bool is_protected = last_is_protected && i + 1 == keys.size();
     all_delivered &= is_delivered(config_agent->set_config(keys[i], values[i], config_timeout_ms, is_protected));
   }
-  return all_delivered && is_running();
+  return all_delivered;
 }
 
 // Returns false when the current identity could not be read, or the calls may have been cut short: everything stays
@@ -399,13 +401,13 @@ bool CStartup::sync_identity_group(const Group& wanted, bool unfinished) {
   if (!product_key.empty() && !device_name.empty()) {
     STARTUP_LOG("reset config-manager");
     // Refused or too late: the new identity is written anyhow.
-    if (!is_delivered(config_agent->reset_config(config_long_timeout_ms)) || !is_running()) return false;
+    if (!is_delivered(config_agent->reset_config(config_long_timeout_ms))) return false;
     STARTUP_LOG("clean business runtime data");
     clean_runtime_data();
   }
   STARTUP_LOG("set config gw_system_productkey=%s gw_system_devicename=%s", wanted[0].c_str(), wanted[1].c_str());
   const bool written = write_group(identity_keys, wanted, true);
-  return is_delivered(config_agent->flush_config(config_long_timeout_ms)) && written && is_running();
+  return is_delivered(config_agent->flush_config(config_long_timeout_ms)) && written;
 }
 
 bool CStartup::sync_endpoint(const Keys& keys, const Group& wanted) {
@@ -425,13 +427,12 @@ void CStartup::sync_gateway_identity() {
   const bool access_server_written = sync_endpoint(access_server_keys, wanted.access_server);
   const bool remote_access_written = sync_endpoint(remote_access_keys, wanted.remote_access);
   // What may not have arrived is applied again next time.
-  if (!access_server_written || !remote_access_written || !is_running()) return;
+  if (!access_server_written || !remote_access_written) return;
   const std::lock_guard guard(pending_lock);
   pending.access_server = {};
   pending.remote_access = {};
-  if (pending.generation != wanted.generation) return;  // another one arrived meanwhile and is still to be applied
-  pending.identity = {};
   pending.unfinished = false;
+  if (pending.generation == wanted.generation) pending.identity = {};  // else another one arrived meanwhile
 }
 
 void CStartup::sync_ha_switch() {

@@ -8,12 +8,13 @@ namespace Tessaro::Iot::Component {
 
 class CDBusChannel;
 
-// Every operation returns the service's own code (0 success, 100100 the key has no value), or a negative code when
-// there was no reply: the results of CDBusChannel::call, or `refused`.
+// Every operation returns the service's own code (0 success, 100100 the key has no value), or when there was no reply
+// a result of CDBusChannel::call, or `refused`: numbers near INT32_MIN, which no service has for a code.
 // Context: any thread that may call CDBusChannel::call.
 class CConfigAgent {
  public:
-  static constexpr int32_t refused = -5;  // the key or the value is no text that the bus carries; nothing was sent
+  static constexpr int32_t refused =
+      INT32_MIN + 4;  // the key or the value is no text that the bus carries; nothing was sent
 
   // `channel` carries the calls and must outlive the agent; `client_name` is the caller's bus name.
   CConfigAgent(CDBusChannel* channel, std::string client_name);

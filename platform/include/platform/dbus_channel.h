@@ -41,11 +41,12 @@ class CDBusChannel {
   // Told once per lost connection, with a positive errno-like number.
   using ErrorHandler = TFunction1<void, int32_t>;
 
-  // Results of `call` when there was no reply; a reply of any kind gives 0 or more.
-  static constexpr int32_t call_failed = -1;        // not sent, or answered with an error
-  static constexpr int32_t call_timed_out = -2;     // no reply in time
-  static constexpr int32_t call_closed = -3;        // the channel was stopped, or the bus went away
-  static constexpr int32_t call_unanswerable = -4;  // refused by the bus, or the service left before it answered
+  // Results of `call` when there was no reply, of which no code of a service has the value; else it gives 0.
+  static constexpr int32_t call_failed = INT32_MIN;         // not sent, or answered with an error
+  static constexpr int32_t call_timed_out = INT32_MIN + 1;  // no reply in time
+  static constexpr int32_t call_closed = INT32_MIN + 2;     // the channel was stopped, or the bus went away
+  static constexpr int32_t call_unanswerable =
+      INT32_MIN + 3;  // refused by the bus, or the service left before it answered
 
   // `address` of the bus, well-known `name` to take (empty: a client that takes none and serves nothing), object
   // `path`, and `match_rules` to add beside the channel's own (which lets broadcasts on its interface in).

@@ -1,6 +1,5 @@
 #include "fake_channel.h"
 
-#include <algorithm>
 #include <string>
 #include <utility>
 
@@ -113,6 +112,9 @@ std::string describe(const std::string& member, const std::string& key, const st
   return member == "reset_config" ? "reset" : "flush";
 }
 
+// A result of the channel, and no code of the service.
+bool is_of_the_channel(int32_t result) { return result <= CDBusChannel::call_unanswerable; }
+
 // Returns false when the call is lost.
 bool answer_config(World& world, const std::string& member, CDBusRequest& request, CDBusMessageOpr& reply) {
   std::string key;
@@ -136,7 +138,7 @@ bool answer_config(World& world, const std::string& member, CDBusRequest& reques
   }
   if (member == "set_config") world.config[key] = value;
   if (member == "reset_config") world.config.clear();
-  (void)reply.set_int32(std::max(world.config_write_result, 0));
+  (void)reply.set_int32(world.config_write_result);
   return true;
 }
 
@@ -152,7 +154,7 @@ int32_t CDBusChannel::call(CDBusRequest& request, CDBusResponse& response, int64
   response = CDBusResponse(request);
   const std::string member = dbus_message_get_member(request.message());
   if (!answer_config(world, member, request, response)) return call_unanswerable;
-  return member == "get_config" ? 0 : std::min(world.config_write_result, 0);
+  return member == "get_config" || !is_of_the_channel(world.config_write_result) ? 0 : world.config_write_result;
 }
 
 bool CDBusChannel::send(CDBusMessageOpr&) { return impl_->channel.up; }

@@ -98,6 +98,16 @@ TEST_F(BusHandlers, IncompleteTripleIsRefused) {
       Contains("2 gateway_tripe_change_member_handler: gateway_tripe_change_member_handler, get pk/dn/ds fail"));
 }
 
+TEST_F(BusHandlers, IdentityOfTextThatTheBusDoesNotCarryIsRefused) {
+  while_up([this] {
+    for (const char* text : {R"({"productkey":"a","devicename":"b\u0000","devicesecret":"c"})",
+                             R"({"productkey":"a","devicename":"b","devicesecret":"\udc00"})"}) {
+      EXPECT_EQ(reply("set_gateway_triple", {text}), R"({"code":2,"message":"dbus parameter format error"})") << text;
+    }
+  });
+  EXPECT_EQ(cycles(), 1U);
+}
+
 TEST_F(BusHandlers, CompleteTripleIsStoredAndRestartsTheStack) {
   while_up([this] {
     EXPECT_EQ(reply("set_gateway_triple", {R"({"productkey":"pk","devicename":"dn","devicesecret":"topsecret"})"}),

@@ -1,4 +1,5 @@
 // The synchronisation of the gateway identity.
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 
@@ -225,9 +226,41 @@ TEST_F(Identity, WhoseServiceLeavesInTheMiddleIsAppliedWhenItComesBack) {
   }
 }
 
+TEST_F(Identity, IsWrittenToTheEndWhenTheEndOfTheProcessBeginsMeanwhile) {
+  world.config = {{"gw_system_productkey", "old"}, {"gw_system_devicename", "dn"}};
+  make("[]", {"pk", "dn", "ds", "h", "p", "v", "ch", "cp", "tt"});
+  world.on_config_call = [this](const std::string& call) {
+    if (call == "reset") probe().clear_running();
+    return true;
+  };
+  world.after_s(10, [this] { (void)watchdog().name_owner_changed("iot.dmp.configmanager", "", ":1.9"); });
+  end_by_upgrade_after_ms(30'000);
+  (void)probe().run();
+  expect_all_written();
+  EXPECT_EQ(std::count(world.config_calls.begin(), world.config_calls.end(), "reset"), 1);
+}
+
+TEST_F(Identity, ThatWasWrittenWhileAnotherOneArrivedIsComparedWithThatOne) {
+  make("[]", {"pk", "dn", "ds"});
+  world.on_config_call = [this](const std::string& call) {
+    if (call == "set gw_system_devicename=dn") {
+      (void)quorvaned().call("set_gateway_triple", {R"({"productkey":"pk","devicename":"dn","devicesecret":"ds2"})"});
+    }
+    return true;
+  };
+  const auto appear = [this] { (void)watchdog().name_owner_changed("iot.dmp.configmanager", "", ":1.9"); };
+  world.after_s(10, appear);
+  world.after_s(20, appear);
+  end_by_upgrade_after_ms(30'000);
+  (void)probe().run();
+  EXPECT_EQ(std::count(world.config_calls.begin(), world.config_calls.end(), "set gw_system_productkey=pk"), 1);
+  EXPECT_TRUE(nothing_pending());
+}
+
 // What the service answers to a write, and whether it does, changes nothing: the values are given away once.
 TEST_F(Identity, ThatTheServiceRefusesOrSitsOutIsNotKept) {
-  for (const int32_t result : {7, Component::CDBusChannel::call_timed_out, Component::CDBusChannel::call_failed}) {
+  for (const int32_t result :
+       {7, -3, -4, Component::CDBusChannel::call_timed_out, Component::CDBusChannel::call_failed}) {
     SCOPED_TRACE(result);
     world.reset();
     world.config_write_result = result;

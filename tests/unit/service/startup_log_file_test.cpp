@@ -101,7 +101,9 @@ TEST_F(StartupLogFile, LinesOfManyThreadsStayWholeAtTheLimitToo) {
   for (int32_t writer = 0; writer < threads; ++writer) {
     writers.emplace_back([&, writer] {
       for (int32_t line = 0; line < lines; ++line) {
-        append_startup_log("<" + std::string(1, static_cast<char>('0' + writer)) + body + ">\n");
+        std::string text("<");
+        text += static_cast<char>('0' + writer);
+        append_startup_log(text + body + ">\n");
       }
     });
   }
