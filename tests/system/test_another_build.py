@@ -3,6 +3,7 @@
 import os
 import re
 import signal
+import time
 
 import pytest
 from harness import clock, processes
@@ -49,16 +50,25 @@ def finish_upgrade(gateway, daemon):
 
 def state_of(daemon):
     """What an upgrade must not let grow."""
-    return {"descriptors": sorted(os.listdir(f"/proc/{daemon.pid}/fd")),
+    descriptors = [processes.link(daemon.pid, f"fd/{number}") for number in os.listdir(f"/proc/{daemon.pid}/fd")]
+    return {"descriptors": sorted(re.sub(r"\d+", "N", target) for target in descriptors),
             "threads": processes.status_field(daemon.pid, "Threads"),
             "children": sorted(processes.arguments(pid)[0] for pid in daemon.services()),
             "lock": processes.lock_owner(PID_FILE)}
 
 
 def settled_state(daemon):
-    """The same once what ends by itself has ended."""
-    clock.until(lambda: len(daemon.services()) == len(CATALOGUE) + 1, 10, lambda: processes.tree())
-    return state_of(daemon)
+    """The same once what ends by itself has ended, and nothing is open for a moment only."""
+    clock.until(lambda: len(daemon.services()) == len(CATALOGUE) + 1, 10, processes.tree)
+
+    def look():
+        state = state_of(daemon)
+        deadline = time.monotonic() + 0.5
+        while state_of(daemon) == state and time.monotonic() < deadline:
+            time.sleep(0.02)
+        return state if time.monotonic() >= deadline else None
+
+    return clock.until(look, 20, lambda: str(state_of(daemon)))
 
 
 def memory_of(daemon):

@@ -260,7 +260,7 @@ def test_a_broken_new_supervisor_is_rolled_back_and_the_old_one_started(installe
     before = tree(installed)
     fota = installed.pid_of("fota")
     image = read(installed.program)
-    hand_over({"bin/quorvaned": image[:len(image) // 2] if content is HALF else content, "config/site": b"new\n"})
+    hand_over({"bin/quorvaned": image[:65536] if content is HALF else content, "config/site": b"new\n"})
     assert wait_for_end() == "rolled-back the supervisor has ended"
     new = require_rolled_back(installed, daemon, before, image)
     assert processes_of("fota") == [fota]

@@ -152,7 +152,6 @@ def test_a_launcher_that_is_stopped_does_not_hold_up_the_start(gateway):
     launcher.stdout.wait_for("running slow service", 10)
     launcher.signal(signal.SIGSTOP)
     gateway.log.wait_for(UP, 20)
-    assert gateway.log.has("running last service")
     launcher.signal(signal.SIGCONT)
     assert launcher.wait(10) == 0
     assert str(launcher.stdout).endswith("quorvaned: start up completed\n")

@@ -258,8 +258,10 @@ def test_a_crashed_script_form_comes_back_when_its_keepalive_runs_out(script, vi
 
 
 def start_script(gateway):
-    """Start the script as the supervisor does."""
-    return processes.spawn(["./startSC.sh"], cwd=gateway.bin)
+    """Start the script as the supervisor does; give the process once it is the script."""
+    process = processes.spawn(["./startSC.sh"], cwd=gateway.bin)
+    clock.until(lambda: processes.arguments(process.pid)[:1] == ["/bin/sh"], 10, "the script")
+    return process
 
 
 def stop_script(gateway):
