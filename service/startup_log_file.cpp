@@ -36,6 +36,12 @@ void lock_log(int fd) noexcept {
 // Not by closing: a child that was forked meanwhile has the descriptor too.
 void unlock_log(int fd) noexcept { (void)::flock(fd, LOCK_UN); }
 
+// What a full disk takes of a line only in part is taken back: the next line would go on where that ends.
+void write_whole(int fd, std::string_view line, off_t size_before) noexcept {
+  const ssize_t written = ::write(fd, line.data(), line.size());
+  if (written > 0 && static_cast<size_t>(written) < line.size()) (void)!::ftruncate(fd, size_before);
+}
+
 }  // namespace
 
 int64_t startup_log_size() noexcept {
@@ -54,9 +60,9 @@ void append_startup_log(std::string_view line) noexcept {
   struct stat status {};
   if (::fstat(fd, &status) == 0) {
     if ((status.st_mode & mode_bits & ~log_mode) != 0) (void)::fchmod(fd, status.st_mode & log_mode);  // not ours
-    if (status.st_size > size_limit) (void)!::ftruncate(fd, 0);  // else it grows on
+    if (status.st_size > size_limit && ::ftruncate(fd, 0) == 0) status.st_size = 0;  // else it grows on
+    write_whole(fd, line, status.st_size);
   }
-  (void)!::write(fd, line.data(), line.size());  // a full disk drops the line
   unlock_log(fd);
   (void)::close(fd);
 }

@@ -2,11 +2,13 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -138,6 +140,23 @@ TEST_F(StartupLogFile, IsNeverMoreThanOneLineBeyondTheLimit) {
     EXPECT_EQ(::waitpid(pid, &status, 0), pid);
     EXPECT_EQ(status, 0);
   }
+}
+
+TEST_F(StartupLogFile, TakesALineAsAWholeOrNotAtAll) {
+  // The limit takes a part of the second line, as a disk that becomes full would.
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    const struct rlimit limit = {10, RLIM_INFINITY};
+    (void)::signal(SIGXFSZ, SIG_IGN);
+    (void)::setrlimit(RLIMIT_FSIZE, &limit);
+    append_startup_log("one\n");
+    append_startup_log("a longer one\n");
+    append_startup_log("three\n");
+    ::_exit(0);
+  }
+  int status = -1;
+  EXPECT_EQ(::waitpid(pid, &status, 0), pid);
+  EXPECT_EQ(content(), "one\nthree\n");
 }
 
 TEST_F(StartupLogFile, ThatSomebodyKeepsLockedTakesTheLineAllTheSame) {
