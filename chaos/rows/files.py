@@ -2,12 +2,17 @@
 
 import os
 import re
+import resource
+import shutil
+import signal
 import subprocess
 import time
 
-from harness import staging
-from harness.gateway import STARTUP
+from harness import clock, staging
+from harness.gateway import RUN, STARTUP, Service
+from pages import came
 from row import at_least, at_most, none, row
+from side_by_side import side_by_side
 
 LIMIT = 262_144
 LONGEST = 1_022
@@ -66,3 +71,131 @@ class Book:
             self.lines += 1
             self.torn += match is None or int(match[1]) != len(match[2])
         self.torn += rest != b""
+
+
+NAMES = [f"s{number}" for number in range(16)]
+
+
+@row("disk", "nothing can be written, or opened",
+     "a full disk, read-only directories, directories that are gone, and a daemon without a free descriptor, each on a "
+     "gateway of its own and for half a minute at a time, while services are killed", short=1, long=9, seconds=(90, 1300))
+def disk(run):
+    """What is killed meanwhile is restarted, and afterwards the log is whole."""
+    kinds = [Full, ReadOnly, Missing, NoDescriptors]
+    answers = side_by_side(run, len(kinds), lambda gateway, chance, number: rounds(gateway, chance, kinds[number],
+                                                                                   run.amount), limit=run.amount * 50 + 40)
+    killed, missed, torn, silent = map(sum, zip(*answers))
+    return [at_least("rounds", run.amount * len(answers), run.amount * len(kinds)),
+            none("restarts missed", missed, killed),
+            none("torn lines", torn, None),
+            none("first lines afterwards that are not in the log", silent, run.amount * len(kinds))]
+
+
+def rounds(gateway, chance, kind, amount):
+    """(killed, not restarted, torn lines, rounds after which the first lines were not there)"""
+    os.makedirs(RUN)
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=8m", "tmpfs", RUN], check=True)
+    gateway.catalogue(*[Service(name, monitor=1, program="exec sleep infinity") for name in NAMES])
+    daemon = gateway.up()
+    client = gateway.bus()
+    killed = missed = torn = silent = 0
+    for _ in range(amount):
+        fault = kind(daemon)
+        before = active(client)
+        victims = chance.sample(sorted(before), chance.randint(8, len(before)))
+        for name in victims:
+            os.kill(before[name], signal.SIGKILL)
+        killed += len(victims)
+        missed += len(not_restarted(client, before, victims))
+        fault.lift()
+        silent += not tells(gateway, client, chance)
+        events = gateway.log.events()
+        torn += sum(not event.well_formed for event in events) + (gateway.log.bytes()[-1:] != b"\n")
+    return killed, missed, torn, silent
+
+
+def active(client):
+    """The pid of each service that is active, as the daemon reports it."""
+    return {name: int(pid) for name, pid in
+            re.findall(r"Service (\S+) is \033\[32mactive\033\[0m, pid is (\d+)", client.report())}
+
+
+def not_restarted(client, before, victims):
+    """Those that are not active with another pid in time. The log, which would tell at once, cannot."""
+    deadline = time.monotonic() + clock.stretched(40)
+    while True:
+        now = active(client)
+        left = [name for name in victims if now.get(name, before[name]) == before[name]]
+        if not left or time.monotonic() > deadline:
+            return left
+        time.sleep(0.2)
+
+
+def tells(gateway, client, chance):
+    """Whether the very next lines are in the log: a service dies."""
+    name, pid = chance.choice(sorted(active(client).items()))
+    os.kill(pid, signal.SIGKILL)
+    lines = (f"wait pid({pid}) status(9)", f"process_exit, pid:{pid}", f"process_exit, service({name}) is abnormal")
+    return came(lambda: all(any(event.text == line for event in gateway.log.events()) for line in lines), 5)
+
+
+class Full:
+    """Not a byte is free."""
+
+    def __init__(self, _daemon):
+        self._path = RUN + "/filler"
+        with open(self._path, "wb", buffering=0) as file:
+            try:
+                while True:
+                    file.write(bytes(1024))
+            except OSError:
+                pass
+
+    def lift(self):
+        """There is room again."""
+        os.unlink(self._path)
+
+
+class ReadOnly:
+    """The directories of the logs cannot be written to."""
+
+    def __init__(self, _daemon):
+        self._paths = (STARTUP, RUN + "/logger")
+        for path in self._paths:
+            # A mount of its own: that of the file system has a file that is open for writing, the pid file.
+            subprocess.run(["mount", "--bind", path, path], check=True)
+            subprocess.run(["mount", "-o", "remount,bind,ro", path], check=True)
+
+    def lift(self):
+        """They can."""
+        for path in self._paths:
+            subprocess.run(["umount", path], check=True)
+
+
+class Missing:
+    """The directories of the logs are gone."""
+
+    def __init__(self, _daemon):
+        self._paths = (STARTUP, RUN + "/logger")
+        for path in self._paths:
+            shutil.rmtree(path)
+
+    def lift(self):
+        """They are there again, and empty."""
+        for path in self._paths:
+            os.mkdir(path)
+
+
+class NoDescriptors:
+    """The daemon has as many open as it may."""
+
+    def __init__(self, daemon):
+        self._pid = daemon.pid
+        used = {int(name) for name in os.listdir(f"/proc/{self._pid}/fd")}
+        self._before = resource.prlimit(self._pid, resource.RLIMIT_NOFILE)
+        free = min(set(range(len(used) + 1)) - used)
+        resource.prlimit(self._pid, resource.RLIMIT_NOFILE, (free, self._before[1]))
+
+    def lift(self):
+        """It may have more."""
+        resource.prlimit(self._pid, resource.RLIMIT_NOFILE, self._before)

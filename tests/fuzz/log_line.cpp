@@ -29,6 +29,7 @@ std::string read_from(int64_t offset) {
 
 // Run below scripts/private-root the log has its directory; elsewhere it is not made, and the lines are dropped.
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  (void)::mkdir("/quorvane/run", 0755);
   (void)::mkdir(directory, 0755);
   return 0;
 }
