@@ -150,7 +150,9 @@ DBusMessage* run(const BusService::Method& method, DBusMessage* call, DBusMessag
   try {
     return method(call, reply) ? nullptr : dbus_message_new_error(call, DBUS_ERROR_INVALID_ARGS, "wrong arguments");
   } catch (const std::exception& problem) {
-    return dbus_message_new_error(call, DBUS_ERROR_FAILED, problem.what());
+    // libdbus ends the process that sends a text that is not UTF-8.
+    const char* text = dbus_validate_utf8(problem.what(), nullptr) ? problem.what() : "it could not be done";
+    return dbus_message_new_error(call, DBUS_ERROR_FAILED, text);
   }
 }
 

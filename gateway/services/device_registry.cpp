@@ -1,7 +1,8 @@
 // device-registry: the list of the devices that are joined to the gateway.
 //
 // A service with a bus name and a keep-alive. It takes the name iot.gateway.devices; the supervisor waits for that
-// name before it starts the next service.
+// name before it starts the next service. It can be told to fail: `crash` ends it as a fault would, `fall_silent` leaves
+// it alive but feeding no more.
 //
 // usage: device-registry [--limit COUNT]
 #include <chrono>
@@ -17,7 +18,9 @@ namespace {
 constexpr const char* introspection = R"(
   <method name="add"><arg name="device" type="s" direction="in"/><arg name="added" type="b" direction="out"/></method>
   <method name="remove"><arg name="device" type="s" direction="in"/><arg name="removed" type="b" direction="out"/></method>
-  <method name="list"><arg name="devices" type="as" direction="out"/></method>)";
+  <method name="list"><arg name="devices" type="as" direction="out"/></method>
+  <method name="crash"/>
+  <method name="fall_silent"/>)";
 
 bool read_device(DBusMessage* call, std::string& device) {
   const char* text = nullptr;
@@ -71,10 +74,14 @@ int main(int argc, char** argv) {
     return true;
   });
 
+  service.method("crash", [](DBusMessage*, DBusMessage*) -> bool { std::abort(); });
+  bool silent = false;
+  service.method("fall_silent", [&](DBusMessage*, DBusMessage*) { return silent = true; });
+
   if (!service.connect()) return EXIT_FAILURE;
   // Fed well before the deadline: one late turn is no reason to be cycled.
   do {
-    service.feed_dog("registry", 15s);
+    if (!silent) service.feed_dog("registry", 15s);
   } while (service.serve(5s));
   return stop.stopped() ? EXIT_SUCCESS : EXIT_FAILURE;
 }

@@ -154,7 +154,8 @@ def test_the_device_registry_keeps_its_list_and_its_limit(installed):
 def test_ordinary_tools_work_on_the_services(installed):
     installed.up()
     busctl = ["/usr/bin/busctl", f"--address={ADDRESS}"]
-    for target, rows in ((DEVICES, {".add method s b -", ".remove method s b -", ".list method - as -"}),
+    for target, rows in ((DEVICES, {".add method s b -", ".remove method s b -", ".list method - as -", ".crash method - - -",
+                                 ".fall_silent method - - -"}),
                          (SENSORS, {".read method - d -", ".crash method - - -", ".fall_silent method - - -",
                                     ".reading signal d - -"})):
         shown = processes.run([*busctl, "introspect", "--no-legend", target[0], target[1], target[2]])
@@ -255,17 +256,20 @@ def test_services_that_crash_when_they_are_told_to_come_back_after_the_grace(ins
     wait_for_first_states()
     old = pids(installed)
     client = installed.bus()
-    assert client.error(SENSORS, "crash") == "org.freedesktop.DBus.Error.NoReply"
-    os.kill(old["modem-watch.sh"], signal.SIGUSR1)
+    crashed = ("sensor-hub.py", "modem-watch.sh", "device-registry", "display.sh")
+    for target in (SENSORS, DEVICES):
+        assert client.error(target, "crash") == "org.freedesktop.DBus.Error.NoReply"
+    for name in ("modem-watch.sh", "display.sh"):
+        os.kill(old[name], signal.SIGUSR1)
     # Housekeeping is not monitored: it stays away.
     os.kill(old["housekeeping.sh"], signal.SIGKILL)
-    for name in ("sensor-hub.py", "modem-watch.sh"):
+    for name in crashed:
         line = installed.log.wait_for(f"wait pid({old[name]}) status(%d)")
         assert os.WTERMSIG(line.values[0]) == signal.SIGABRT
         installed.log.wait_for(f"process_exit, service({name}) is abnormal")
         assert f"Service {name} is \033[0;31minactive\033[0m\n" in client.report()
     assert client.owner(SENSORS[0]) == ""
-    for name in ("sensor-hub.py", "modem-watch.sh"):
+    for name in crashed:
         again = installed.log.wait_for(f"run {name} pid %d", GRACE + 10, count=2)
         assert again - installed.log.find(f"run {name} pid %d")[0] >= GRACE
         assert installed.log.has(f"threadProc, service({name}) status(1) is abnormal")
@@ -275,8 +279,7 @@ def test_services_that_crash_when_they_are_told_to_come_back_after_the_grace(ins
     clock.until(lambda: (SENSORS[0], *FEEDS[SENSORS[0]]) in feeds(monitor), 10, lambda: str(feeds(monitor)))
     assert client.report() == report_of(pids(installed))
     assert installed.log.count("run housekeeping.sh pid %d") == 1
-    for name in ("device-registry", "clock-watch", "display.sh"):
-        assert installed.pid_of(name) == old[name]
+    assert installed.pid_of("clock-watch") == old["clock-watch"]
 
 
 @pytest.mark.takes(50)
@@ -309,3 +312,27 @@ def test_services_that_fall_silent_or_are_stuck_are_replaced(installed):
                     "the name of the new process")
     assert list(client.call(DEVICES, "list")) == []
     assert client.report() == report_of(pids(installed))
+
+
+@pytest.mark.takes(50)
+@pytest.mark.limit(120)
+def test_services_that_are_told_to_fall_silent_go_on_and_are_replaced(installed):
+    installed.up()
+    wait_for_first_states()
+    old = pids(installed)
+    client = installed.bus()
+    monitor = watch_feeds()
+    client.call(DEVICES, "fall_silent")
+    os.kill(old["display.sh"], signal.SIGUSR2)
+    fed = feeds(monitor)
+    # They work on.
+    assert client.call(DEVICES, "add", "s", "device")
+    for name in ("device-registry", "display.sh"):
+        installed.log.wait_for(f"threadProc, service({name}) status(0) is abnormal", GRACE + 25)
+        installed.log.wait_for(f"wait pid({old[name]}) status(0)", 5)
+        installed.log.wait_for(f"run {name} pid %d", count=2)
+    # One more that was on its way, at most.
+    for name in (DEVICES[0], DISPLAY):
+        feed = (name, *FEEDS[name])
+        assert feeds(monitor).count(feed) - fed.count(feed) <= 2
+        clock.until(lambda feed=feed: feeds(monitor).count(feed) > fed.count(feed), 10, lambda: str(feeds(monitor)))
