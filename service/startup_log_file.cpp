@@ -26,7 +26,7 @@ int open_log(int flags) noexcept {
 // the other. Waited for in steps and not for ever: the holder may have been stopped, or be what a fault has interrupted
 // on this very thread. Without the lock a line is still one write.
 void lock_log(int fd) noexcept {
-  constexpr int32_t attempts = 200;
+  constexpr int32_t attempts = 1000;  // at least 0.1 s: on a busy machine the holder waits for its turn
   constexpr timespec pause{0, 100'000};
   for (int32_t attempt = 0; attempt < attempts && ::flock(fd, LOCK_EX | LOCK_NB) != 0; ++attempt) {
     (void)::nanosleep(&pause, nullptr);
