@@ -5,7 +5,9 @@ import shutil
 import signal
 import time
 
+import dbus.lowlevel
 from harness import processes
+from harness.bus import DAEMON
 from harness.gateway import MISSING, UP, Service
 from pages import Pages, came, pause
 from row import at_least, at_most, none, row
@@ -18,8 +20,8 @@ OUTAGE = 10.0
 
 
 @row("recycled-pids", "process numbers that are given again at once",
-     "kills by the daemon (a reboot after the other) and by the test in the midst of them, beside strangers who come and "
-     "go by the thousand and take every number as soon as it is free", short=160, long=100_000, seconds=(90, 1400))
+     "kills by the daemon (one reboot after the other) and by the test in the midst of them, beside strangers who come and "
+     "go by the thousand and take every number as soon as it is free; 0 to 1 ms of delay before each kill", short=160, long=100_000, seconds=(90, 1400))
 def recycled_pids(run):
     """No stranger ever gets a signal."""
     gateway = run.gateway()
@@ -29,11 +31,13 @@ def recycled_pids(run):
     for name in names[1:]:
         os.link(gateway.path("bin/" + names[0]), gateway.path("bin/" + name))
     os.link(os.path.join(gateway.stage, "probe_service"), gateway.path("strangers"))
-    strangers = processes.spawn([gateway.path("strangers"), f"--children={20 if run.is_long else 6}"])
+    strangers = processes.spawn([gateway.path("strangers"), "--ignore-term",
+                                 f"--children={20 if run.is_long else 6}"])
     recycler = Recycler()
     gateway.prepare_run_directory()
     pages = Pages(gateway)
-    daemon = gateway.up(within=30)
+    daemon = gateway.up(within=30, env=dict(os.environ, LD_PRELOAD=run.preload("delay_before_kill"),
+                                            DELAY_BEFORE_KILL_US="1000"))
     seen, again, kills, failed = set(), 0, 0, 0
 
     def take(events):
@@ -49,11 +53,11 @@ def recycled_pids(run):
         victims = open_children(daemon)
         run.chance.shuffle(victims)
         half = len(victims) // 2
-        cut = run.chance.randrange(half)
         client = gateway.bus()
-        kills += strike(victims[:cut])
-        client.reboot()
-        kills += strike(victims[cut:half])
+        # Not waited for: most of the deaths are to come while the daemon walks through its services and stops them.
+        client.connection.send_message(dbus.lowlevel.MethodCallMessage(*DAEMON, "reboot"))
+        client.connection.flush()
+        kills += strike(victims[:half], run.chance.uniform(0, 0.001))
         for handle in victims:
             os.close(handle)
         failed += not pages.wait_for(UP, 60)
@@ -61,9 +65,9 @@ def recycled_pids(run):
     for _ in range(2):
         take(pages.turn())
     recycler.stop()
-    strangers.signal(signal.SIGTERM)
-    strangers.wait()
-    struck = recorded(gateway, "struck")
+    strangers.signal(signal.SIGKILL)
+    # A signal in the first moment of a stranger's life is told by the one who made it.
+    struck = recorded(gateway, "struck") + recorded(gateway, "signal")
     passed = max([0] + [event["ended"] for event in recorded(gateway, "children")])
     return [at_least("kills", kills, run.amount), none("strangers that were sent a signal", len(struck), passed),
             at_least("numbers of services that had been a service's before", again, 1),
@@ -79,10 +83,11 @@ def open_children(daemon):
     return list(handles.values())
 
 
-def strike(handles):
-    """Kill them; give how many there were to kill."""
+def strike(handles, distance):
+    """Kill them, with that many seconds between one and the next; give how many there were to kill."""
     count = 0
     for handle in handles:
+        pause(distance)
         try:
             signal.pidfd_send_signal(handle, signal.SIGKILL)
             count += 1
