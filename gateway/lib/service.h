@@ -47,8 +47,8 @@ class StopSignal {
 // A service with a name on the gateway's bus. Its methods are those of the interface that has the same name.
 class BusService {
  public:
-  // Reads the arguments from the call, writes the results into the reply. False: the arguments are wrong. What it throws
-  // becomes the error that the caller gets: it could not be done.
+  // Reads the arguments from the call, writes the results into the reply. False: the arguments are wrong. What it
+  // throws becomes the error that the caller gets: it could not be done.
   using Method = std::function<bool(DBusMessage* call, DBusMessage* reply)>;
 
   // `path` is the object path; `introspection` the interface's inside in D-Bus introspection XML.

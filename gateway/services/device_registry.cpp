@@ -1,8 +1,8 @@
 // device-registry: the list of the devices that are joined to the gateway.
 //
 // A service with a bus name and a keep-alive. It takes the name iot.gateway.devices; the supervisor waits for that
-// name before it starts the next service. It can be told to fail: `crash` ends it as a fault would, `fall_silent` leaves
-// it alive but feeding no more.
+// name before it starts the next service. It can be told to fail: `crash` ends it as a fault would, `fall_silent`
+// leaves it alive but feeding no more.
 //
 // usage: device-registry [--limit COUNT]
 #include <chrono>
