@@ -3,10 +3,14 @@
 import os
 import re
 import subprocess
+import time
 
 from harness import staging
+from harness.gateway import UP, Service
 from harness.sandbox import REPOSITORY
-from row import at_least, none, row
+from log_tail import LogTail
+from row import at_least, at_most, none, row
+from rows.leaks import memory_of
 
 CORPUS = os.path.join(REPOSITORY, "tests", "fuzz", "corpus")
 
@@ -47,3 +51,49 @@ def fuzz(run, names):
     reached = re.search(r"([\d.]+) %$", done.stdout, re.MULTILINE)
     run.progress(fed)
     return fed, int(done.returncode != 0), float(reached[1]) if reached else 0
+
+
+@row("hostile-messages", "hostile messages",
+     "messages that make no sense, and changed frames, from four clients as fast as the bus takes them", short=100_000,
+     long=10_000_000, seconds=(90, 1300))
+def hostile_messages(run):
+    """The daemon lives on, with what it had, and answers."""
+    gateway = run.gateway()
+    gateway.catalogue(Service("named", bus="iot.test.named", monitor=1))
+    tail = LogTail()
+    daemon = gateway.up()
+    share = run.amount // 4
+    warm_up = [send_hostile(share // 5 + 1, run.seed * 10 + number) for number in range(4, 8)]
+    sent = sum(told(sender)[0] for sender in warm_up)
+    client = gateway.bus()
+    client.report()
+    before = memory_of(daemon.pid)
+    senders = [send_hostile(share, run.seed * 10 + number) for number in range(4)]
+    answered = 0
+    while any(sender.poll() is None for sender in senders):
+        client.report()
+        answered += 1
+        run.progress(answered, "(reports meanwhile)")
+        time.sleep(0.05)
+    totals = [told(sender) for sender in senders]
+    client.report()
+    gained = max(0, memory_of(daemon.pid) - before)
+    tail.stop()
+    cycles = sum(event.text == UP for event in tail.take())
+    return [at_least("messages", sent + sum(number for number, _ in totals), run.amount),
+            at_least("connections that a broken frame has ended", sum(number for _, number in totals), run.amount // 200),
+            none("exits of the daemon", int(not daemon.alive()), None),
+            none("restarts of the stack", cycles - 1, None),
+            at_most("resident memory gained", gained, 0 if run.is_long else 512, "KiB")]
+
+
+def send_hostile(count, seed):
+    """Start one sender."""
+    program = os.path.join(staging.build_directory(), "chaos", "programs", "hostile_messages")
+    return subprocess.Popen([program, str(count), str(seed)], stdout=subprocess.PIPE, text=True)
+
+
+def told(sender):
+    """(messages, connections) of a sender; nothing of one that has failed."""
+    text = sender.communicate()[0]
+    return tuple(map(int, text.split())) if sender.returncode == 0 else (0, 0)

@@ -65,11 +65,15 @@ def rounds(gateway, amount):
     return found
 
 
-def usage(pid):
-    """What it uses, to the page: the memory that status tells of is rounded."""
+def memory_of(pid):
+    """Its resident memory in KiB, to the page: what its status tells is rounded."""
     with open(f"/proc/{pid}/smaps_rollup", encoding="ascii") as file:
-        memory = int(re.search(r"^Rss: +(\d+) kB", file.read(), re.MULTILINE)[1])
-    return memory, len(os.listdir(f"/proc/{pid}/fd")), int(processes.status_field(pid, "Threads"))
+        return int(re.search(r"^Rss: +(\d+) kB", file.read(), re.MULTILINE)[1])
+
+
+def usage(pid):
+    """What it uses."""
+    return memory_of(pid), len(os.listdir(f"/proc/{pid}/fd")), int(processes.status_field(pid, "Threads"))
 
 
 def slope(values):

@@ -1,0 +1,149 @@
+"""Floods: of keep-alives, and of connections."""
+
+import os
+import resource
+import signal
+import socket
+import subprocess
+import time
+
+from harness import clock, staging
+from harness.bus import SOCKET, WATCHDOG
+from harness.gateway import Service
+from harness.raw_bus import RawBus
+from rows.leaks import memory_of
+from log_tail import LogTail
+from row import at_least, at_most, none, row
+
+RESTART = "threadProc, service(%s) status(%d) is abnormal"
+SECOND_US = 1_000_000
+
+
+def program(name, *words):
+    """Start a program of chaos/programs."""
+    path = os.path.join(staging.build_directory(), "chaos", "programs", name)
+    return subprocess.Popen([path, *words], stdout=subprocess.PIPE, text=True)
+
+
+def percentile(values, part):
+    """The value that this part of them does not exceed."""
+    return sorted(values)[min(len(values) - 1, int(len(values) * part))]
+
+
+def asked(client):
+    """How long the report took, in ms."""
+    begin = time.monotonic()
+    client.report()
+    return (time.monotonic() - begin) * 1000
+
+
+def on_a_quiet_machine(run, limit):
+    """The goal of the long form; beside other tests a machine keeps everybody waiting."""
+    return limit if run.is_long else clock.stretched(limit * 50)
+
+
+@row("keep-alive-flood", "a flood of keep-alives",
+     "one client, as fast as the bus takes them, of 50 items; a second one feeds a deadline of 15 s each second and asks "
+     "for the report. In the short form the times are held against fifty times the goal, since other tests run beside it",
+     short=8, long=600, seconds=(90, 1000))
+def keep_alive_flood(run):
+    """The monitor keeps its pace, callers are served, and nothing is restarted."""
+    gateway = run.gateway()
+    gateway.catalogue(Service("named", bus="iot.test.named", monitor=1), Service("other", bus="iot.test.other", monitor=1))
+    waits = gateway.path("waits")
+    daemon = gateway.up(env=dict(os.environ, LD_PRELOAD=run.preload("wait_times"), WAIT_TIMES=waits))
+    tail = LogTail()
+    client = gateway.bus()
+    flood = program("keep_alive_flood", "iot.test.named")
+    begin = time.monotonic()
+    answers, restarts, before, fed = [], 0, None, 0
+    while (passed := time.monotonic() - begin) < run.amount:
+        if passed >= fed:
+            client.send(WATCHDOG, "feedDog", "ssi", "iot.test.other", "main", 15)
+            fed += 1
+        answers.append(asked(client))
+        if before is None and passed >= min(run.amount / 4, 30):
+            before = memory_of(daemon.pid)
+        restarts += sum(event.matches(RESTART) for event in tail.take())
+        run.progress(int(passed))
+        time.sleep(0.02)
+    gained = memory_of(daemon.pid) - before
+    flood.send_signal(signal.SIGTERM)
+    sent = int(flood.communicate(timeout=clock.stretched(30))[0])
+    client.feed("iot.test.other", "main", 15)  # it is answered behind all that was sent before
+    tail.stop()
+    restarts += sum(event.matches(RESTART) for event in tail.take())
+    return [at_least("keep-alives", sent, 1_000 * run.amount),
+            at_most("the monitor's pass off its second", pace(waits), on_a_quiet_machine(run, 50), "ms"),
+            at_most("get_le_status, 99 of 100", percentile(answers, 0.99), on_a_quiet_machine(run, 20), "ms"),
+            at_most("resident memory gained", max(0, gained), 0 if run.is_long else 256, "KiB"),
+            none("false restarts", restarts, None)]
+
+
+def pace(waits):
+    """How far, in ms, two passes of the monitor were at most from being a second apart."""
+    with open(waits, encoding="ascii") as file:
+        ends = [int(end) for name, wanted, _, end in map(str.split, file)
+                if name.startswith("sevice_manager") and abs(int(wanted) - SECOND_US) < 1000]
+    assert len(ends) > 3, "the monitor's passes were not seen"
+    return max(abs(later - earlier - SECOND_US) for earlier, later in zip(ends, ends[1:])) / 1000
+
+
+@row("connection-floods", "a flood of connections",
+     "a fifth of them silent, the others authenticated and then silent; ten times in the long form. In the short form "
+     "the times are held against fifty times the goal", short=1000, long=2500, seconds=(90, 1000))
+def connection_floods(run):
+    """Those who are served stay served, and whoever comes new is let in."""
+    gateway = run.gateway()
+    gateway.catalogue(Service("named", bus="iot.test.named", monitor=1))
+    most = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+    resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
+    daemon = gateway.up()
+    client = gateway.bus()
+    answers, entries, refused = [], [], 0
+    for number in range(10 if run.is_long else 1):
+        silent, others, lost = crowd(run.amount, answers, client)
+        refused += lost
+        for _ in range(100):
+            answers.append(asked(client))
+            time.sleep(0.01)
+            if len(answers) % 10 == 0:
+                entries.append(entered(gateway))
+        for connection in silent + others:
+            connection.close()
+        run.progress(number)
+    return [at_least("connections at a time", len(silent) + len(others), run.amount),
+            none("connections that were refused", refused, run.amount),
+            at_most("get_le_status of a caller who was there, 99 of 100", percentile(answers, 0.99),
+                    on_a_quiet_machine(run, 20), "ms"),
+            at_most("a new client, until it has its answer", max(entries), 1000 if run.is_long else 10_000, "ms"),
+            none("ends of the daemon", int(not daemon.alive()), None)]
+
+
+def crowd(amount, answers, client):
+    """(silent sockets, authenticated connections, how many were refused); a caller is served meanwhile."""
+    silent, others, refused = [], [], 0
+    for number in range(amount):
+        if number % 5 == 0:
+            quiet = socket.socket(socket.AF_UNIX)
+            quiet.settimeout(clock.stretched(10))
+            quiet.connect(SOCKET)
+            silent.append(quiet)
+        else:
+            try:
+                others.append(RawBus())
+            except (OSError, AssertionError, AttributeError):
+                refused += 1
+        if number % 10 == 0:
+            answers.append(asked(client))
+    return silent, others, refused
+
+
+def entered(gateway):
+    """How long, in ms, a new client takes to be let in and served."""
+    begin = time.monotonic()
+    newcomer = gateway.bus()
+    newcomer.report()
+    passed = (time.monotonic() - begin) * 1000
+    newcomer.close()
+    return passed
