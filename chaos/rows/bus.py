@@ -20,8 +20,8 @@ ATTEMPTS = 15.5
 
 @row("bus-killed", "the bus daemon killed",
      "kill -9 when all is up, at random moments of the start that follows, and in the teardown of a reboot. A bus that "
-     "dies before the first channel has reached it is given up after the 31 attempts of that cycle: 15.5 s that are not "
-     "counted", short=8, long=500, seconds=(120, 1400))
+     "dies before the first channel has reached it is given up after the 31 attempts of that cycle: 15.5 s that are "
+     "not counted", short=8, long=500, seconds=(120, 1400))
 def bus_killed(run):
     """The gateway comes back, and nothing but the order of a start takes its time."""
     gateway = run.gateway()
@@ -90,8 +90,8 @@ def beyond(gateway, killed, connected):
 
 
 @row("bus-hung", "the bus daemon hung",
-     "SIGSTOP at random moments of a start, when all is up, and in the teardown of a reboot; then status, then SIGTERM. "
-     "Side by side", short=6, long=300, seconds=(120, 1400))
+     "SIGSTOP at random moments of a start, when all is up, and in the teardown of a reboot; then status, then "
+     "SIGTERM. Side by side", short=6, long=300, seconds=(120, 1400))
 def bus_hung(run):
     """Nothing waits for it longer than it must."""
     count = 20 if run.is_long else 6

@@ -20,8 +20,9 @@ OUTAGE = 10.0
 
 
 @row("recycled-pids", "process numbers that are given again at once",
-     "kills by the daemon (one reboot after the other) and by the test in the midst of them, beside strangers who come and "
-     "go by the thousand and take every number as soon as it is free; 0 to 1 ms of delay before each kill", short=160, long=100_000, seconds=(90, 1400))
+     "kills by the daemon (one reboot after the other) and by the test in the midst of them, beside strangers who come "
+     "and go by the thousand and take every number as soon as it is free; 0 to 1 ms of delay before each kill",
+     short=160, long=100_000, seconds=(90, 1400))
 def recycled_pids(run):
     """No stranger ever gets a signal."""
     gateway = run.gateway()

@@ -16,13 +16,14 @@ GRACE = 31.0
 
 @row("hanging-service", "a hanging service",
      "SIGSTOP at random moments while a keep-alive of 3 s is armed; beside it a service with many keep-alives of 1 s, "
-     "each fed just before its second is over. What the test itself fed too late is not counted. SIGTERM does not end a "
-     "stopped process: the test lets the old one go on, and so end", short=8, long=1500, seconds=(100, 1500))
+     "each fed just before its second is over. What the test itself fed too late is not counted. SIGTERM does not end "
+     "a stopped process: the test lets the old one go on, and so end", short=8, long=1500, seconds=(100, 1500))
 def hanging_service(run):
     """It is replaced in time, and nobody else is."""
     gateway = run.gateway()
     names = [f"h{number}" for number in range(60 if run.is_long else 8)]
-    gateway.catalogue(*[Service(name, f"--feed=key:{SECONDS}:400", bus=f"iot.test.{name}", monitor=1) for name in names],
+    feed = f"--feed=key:{SECONDS}:400"
+    gateway.catalogue(*[Service(name, feed, bus=f"iot.test.{name}", monitor=1) for name in names],
                       Service("edge", bus="iot.test.edge", monitor=1))
     gateway.prepare_run_directory()
     pages = Pages(gateway)

@@ -18,8 +18,8 @@ LOG = STARTUP + "/quorvaned.log"
 
 
 @row("operators", "operators in parallel, planted links",
-     "two starts, a start and a stop, a start over a running daemon, two stops, each at the same moment and with status "
-     "commands among them; links and foreign directories planted on the way to the bus and in the place of the log; "
+     "two starts, a start and a stop, a start over a running daemon, two stops, each at the same moment and with "
+     "status commands among them; links and foreign directories planted on the way to the bus and in the place of the log; "
      "bystanders of the same names outside of the installation. Side by side", short=12, long=500, seconds=(150, 1400))
 def operators(run):
     """There is one daemon in the end, nothing is written elsewhere, and nobody else is signalled."""
@@ -118,7 +118,8 @@ class Operators:
     def is_running(self):
         """What status says, at most a few times a second."""
         came(lambda: False, 0.2)
-        return processes.run([self.gateway.program, "status"], within=20, output=self.gateway.path("terminal")).status == 0
+        status = processes.run([self.gateway.program, "status"], within=20, output=self.gateway.path("terminal"))
+        return status.status == 0
 
     def clear(self):
         """End everything but the bystanders, and remove what the round has left on the way to the bus."""
