@@ -100,7 +100,9 @@ def bus_hung(run):
                            1300 if run.is_long else 100)
     tries, ends, states, wrong, back = ([value for answer in answers for value in answer[place]] for place in range(5))
     slack = 0 if run.is_long else 2
+    held_up = sum(one > 1 for one in tries)
     return [at_least("hangs", len(ends), run.amount),
+            at_least("tries that the hang held up", held_up, 1 if run.is_long else 0),
             at_most("longest try of the controller", max(tries, default=0.0), 2.1 + slack, "s"),
             at_most("longest forced exit", max(ends), 5.3 + slack, "s"),
             at_most("longest status", max(states), 15, "s"),

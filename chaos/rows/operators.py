@@ -19,8 +19,8 @@ LOG = STARTUP + "/quorvaned.log"
 
 @row("operators", "operators in parallel, planted links",
      "two starts, a start and a stop, a start over a running daemon, two stops, each at the same moment and with "
-     "status commands among them; links and foreign directories planted on the way to the bus and in the place of the log; "
-     "bystanders of the same names outside of the installation. Side by side", short=12, long=500, seconds=(150, 1400))
+     "status commands among them; links and foreign directories planted on the way to the bus and in the place of the "
+     "log; bystanders of the same names outside of the installation. Side by side", short=12, long=500, seconds=(150, 1400))
 def operators(run):
     """There is one daemon in the end, nothing is written elsewhere, and nobody else is signalled."""
     count = 25 if run.is_long else 6

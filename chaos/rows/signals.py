@@ -25,8 +25,8 @@ PHASES = {"key-chain tool": 0.1, "start": 0.9, "up": 0.3, "reboot": 1.8, "upgrad
 
 @row("signals-any-moment", "signals at random moments",
      "SIGTERM, SIGINT, SIGUSR1, SIGUSR2, one or two of them, in the key-chain tool's time, the start, the life, a "
-     "reboot, an upgrade and the five seconds of an end; in the long form 40 gateways side by side. A signal that meets the "
-     "teardown of a reboot, or finds nothing started yet, leads to the normal end, 3 s later",
+     "reboot, an upgrade and the five seconds of an end; in the long form 40 gateways side by side. A signal that "
+     "meets the teardown of a reboot, or finds nothing started yet, leads to the normal end, 3 s later",
      short=12, long=5000, seconds=(120, 1400))
 def signals_any_moment(run):
     """Every signal gets its line, and the daemon ends as it should and takes everything along."""
