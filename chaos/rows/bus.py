@@ -4,7 +4,7 @@ import os
 import signal
 import time
 
-from harness import processes
+from harness import clock, processes
 from harness.gateway import UP, Service
 from pages import Pages, came, pause
 from row import at_least, at_most, none, row
@@ -55,7 +55,7 @@ def bus_killed(run):
     return [at_least("kills", kills, run.amount), none("times that it did not come back", lost, number),
             none("daemons that ended", int(not daemon.alive()), 1),
             at_most("longest way back beyond the catalogue's delays", max(waits, default=99.0),
-                    1.6 if run.is_long else 3.0, "s")]
+                    1.6 if run.is_long else clock.stretched(3), "s")]
 
 
 def kill(pid):
@@ -99,7 +99,7 @@ def bus_hung(run):
     answers = side_by_side(run, count, lambda gateway, chance, number: Hangs(gateway, chance).all(number, share),
                            1300 if run.is_long else 100)
     tries, ends, states, wrong, back = ([value for answer in answers for value in answer[place]] for place in range(5))
-    slack = 0 if run.is_long else 2
+    slack = 0 if run.is_long else clock.stretched(2)
     held_up = sum(one > 1 for one in tries)
     return [at_least("hangs", len(ends), run.amount),
             at_least("tries that the hang held up", held_up, 1 if run.is_long else 0),
