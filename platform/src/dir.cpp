@@ -44,7 +44,7 @@ std::vector<std::string> split(std::string_view path) {
 // Returns 0, also when the bits could not be set exactly: the umask only ever takes some away.
 int make_directory(int parent, const char* name, mode_t mode) noexcept {
   if (::mkdirat(parent, name, mode) != 0) return -1;
-  (void)::fchmodat(parent, name, mode & permission_bits, AT_SYMLINK_NOFOLLOW);  // see above
+  (void)!::fchmodat(parent, name, mode & permission_bits, AT_SYMLINK_NOFOLLOW);  // see above
   return 0;
 }
 

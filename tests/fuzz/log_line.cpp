@@ -39,7 +39,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   (void)initialized;
   const std::string message(Fuzz::as_text(data, size));
   const int64_t before = size_of_log();
-  const auto level = static_cast<int32_t>(size % 5) - 1;
+  const auto level = static_cast<int32_t>(size % 5);
   log_print(level, "color", size % 7 == 0 ? nullptr : "tag", "path/file.cpp", "function", 1, "%s", message.c_str());
   log_flush();
   const int64_t after = size_of_log();

@@ -79,7 +79,7 @@ TEST_F(ProcessHost, TheStartIsToldBeforeTheDeath) {
 [[noreturn]] void start_without_permission() {
   const rlimit none{0, 0};
   (void)::setrlimit(RLIMIT_NPROC, &none);
-  (void)::setuid(65534);  // the limit does not hold for root; refused for others, whom it holds already
+  (void)!::setuid(65534);  // the limit does not hold for root; refused for others, whom it holds already
   CProcessHost host;
   ProcessRef told{7, 7};
   CSpawnPlan plan;

@@ -230,7 +230,7 @@ TEST(Thread, RunsInRealTimeWherePermittedAndNotInItsChildren) {
 [[noreturn]] void run_fifo_without_permission() {
   const rlimit none{0, 0};
   (void)::setrlimit(RLIMIT_RTPRIO, &none);
-  (void)::setuid(65534);  // refused without root, and then there is nothing to give up
+  (void)!::setuid(65534);  // refused without root, and then there is nothing to give up
   ::_exit(policy_of_fifo_thread() == SCHED_OTHER ? 0 : 1);
 }
 

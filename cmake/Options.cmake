@@ -1,0 +1,20 @@
+# One interface target carries the warnings, the sanitizers and the hardening, so that every target is held to the same.
+add_library(project_options INTERFACE)
+target_compile_options(project_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
+if(QUORVANED_WERROR)
+  target_compile_options(project_options INTERFACE -Werror)
+endif()
+if(QUORVANED_SANITIZE)
+  target_compile_options(project_options INTERFACE -fsanitize=${QUORVANED_SANITIZE} -fno-omit-frame-pointer
+                                                   -fno-sanitize-recover=all)
+  target_link_options(project_options INTERFACE -fsanitize=${QUORVANED_SANITIZE})
+endif()
+
+# Position independent, read-only once relocated, guarded stacks, checked buffers. The sanitizers bring checks of their
+# own, and those of buffers need an optimizing build.
+target_compile_options(project_options INTERFACE -fPIE -fstack-protector-strong)
+target_link_options(project_options INTERFACE -pie -Wl,-z,relro,-z,now)
+if(NOT QUORVANED_SANITIZE)
+  target_compile_options(project_options INTERFACE
+    $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>)
+endif()
