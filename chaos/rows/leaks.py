@@ -1,9 +1,11 @@
 """What a cycle of the stack leaves behind in the daemon."""
 
+import itertools
 import os
 import re
 import shutil
 import signal
+import statistics
 import subprocess
 
 from harness import processes
@@ -11,29 +13,24 @@ from harness.gateway import UP, Daemon, Service
 from harness.sandbox import REPOSITORY
 from pages import Pages
 from row import at_least, at_most, none, row
-from side_by_side import side_by_side
 
-SETTLED = 10  # cycles after which everything has been used once
 SANITIZED = os.path.join(REPOSITORY, "build-leaks")
 
 
 @row("leaks", "the stack brought down and up again",
-     "\"reboot\"; several gateways side by side in the long form, where valgrind and the leak sanitizer watch 50 cycles "
-     "more each. Memory is fitted by a line from the tenth cycle on (in the short form from the second)", short=8,
-     long=1000, seconds=(90, 1300))
+     "\"reboot\", by a daemon whose threads wait a tenth of their time; then, in the long form, 50 cycles under valgrind "
+     "and 50 with the leak sanitizer. The slope is the median of those between any two of 100 moments of the second half",
+     short=60, long=2000, seconds=(90, 1300))
 def leaks(run):
     """A cycle leaves nothing behind."""
-    count = 4 if run.is_long else 1
-    answers = side_by_side(run, count, lambda gateway, _, __: rounds(gateway, run.amount // count),
-                           limit=1000)
-    cycles = sum(len(answer) for answer in answers)
-    ends = [(answer[SETTLED if run.is_long else 1], answer[-1]) for answer in answers]
-    figures = [at_least("cycles", cycles, run.amount),
-               none("descriptors gained", sum(last[1] - first[1] for first, last in ends), None),
-               none("threads gained", sum(last[2] - first[2] for first, last in ends), None)]
-    settled = [[memory for memory, _, __ in answer[SETTLED if run.is_long else 1:]] for answer in answers]
-    figures.append(at_most("steepest line of resident memory, over its cycles",
-                           max(abs(slope(memory)) * len(memory) for memory in settled), 4 if run.is_long else 32, "KiB"))
+    found = rounds(run)
+    half = found[len(found) // 2:]
+    figures = [at_least("cycles", len(found), run.amount),
+               none("descriptors gained", half[-1][1] - half[0][1], None),
+               none("threads gained", half[-1][2] - half[0][2], None),
+               # The first cycles use everything for the first time.
+               at_most("slope of resident memory, for 100 cycles", abs(slope([memory for memory, _, __ in half])) * 100,
+                       4 if run.is_long else 64, "KiB")]
     if run.is_long:
         figures += [none("bytes lost in 50 cycles, by valgrind", under_valgrind(run.gateway(), 50), None),
                     none("leaks in 50 cycles, by the leak sanitizer", under_leak_sanitizer(run, 50), None)]
@@ -53,15 +50,17 @@ def reboot(gateway, pages, within):
     assert pages.wait_for(UP, within), "the stack did not come up"
 
 
-def rounds(gateway, amount):
+def rounds(run):
     """(memory in KiB, descriptors, threads) after each cycle."""
+    gateway = run.gateway()
     prepare(gateway)
-    daemon = gateway.up()
+    daemon = gateway.up(env=dict(os.environ, LD_PRELOAD=run.preload("short_waits")))
     pages = Pages(gateway)
     found = []
-    for _ in range(amount):
+    for number in range(run.amount):
         reboot(gateway, pages, 30)
         found.append(usage(daemon.pid))
+        run.progress(number)
     return found
 
 
@@ -77,12 +76,10 @@ def usage(pid):
 
 
 def slope(values):
-    """The slope of the line that fits best, for each step."""
-    count = len(values)
-    middle = (count - 1) / 2
-    mean = sum(values) / count
-    return (sum((number - middle) * (value - mean) for number, value in enumerate(values)) /
-            sum((number - middle) ** 2 for number in range(count)))
+    """The median of the slopes between any two of at most 100 values: a step here or there does not matter."""
+    places = range(0, len(values), max(1, len(values) // 100))
+    return statistics.median((values[later] - values[earlier]) / (later - earlier)
+                             for earlier, later in itertools.combinations(places, 2))
 
 
 def cycles_of(gateway, words, amount, env=None):
