@@ -62,7 +62,7 @@ def keep_alive_flood(run):
             client.send(WATCHDOG, "feedDog", "ssi", "iot.test.other", "main", 15)
             fed += 1
         answers.append(asked(client))
-        if before is None and passed >= min(run.amount / 4, 30):
+        if before is None and passed >= run.amount / 2:
             before = memory_of(daemon.pid)
         restarts += sum(event.matches(RESTART) for event in tail.take())
         run.progress(int(passed))

@@ -62,8 +62,8 @@ def hostile_messages(run):
     gateway.catalogue(Service("named", bus="iot.test.named", monitor=1))
     tail = LogTail()
     daemon = gateway.up()
-    share = run.amount // 4
-    warm_up = [send_hostile(share // 5 + 1, run.seed * 10 + number) for number in range(4, 8)]
+    share = run.amount // 8 + 1
+    warm_up = [send_hostile(share, run.seed * 10 + number) for number in range(4, 8)]  # memory is of the second half
     sent = sum(told(sender)[0] for sender in warm_up)
     client = gateway.bus()
     client.report()
