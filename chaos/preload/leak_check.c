@@ -1,6 +1,6 @@
-// Preloaded, behind the library of the address sanitizer, into a daemon that was built with it: looks for lost memory when
-// the daemon ends, which it does without any of the ordinary ways that would look. What came out, "0" or "1", is written
-// to the file that LEAK_CHECK_RESULT names.
+// Preloaded, behind the library of the address sanitizer, into a daemon that was built with it: looks for lost memory
+// when the daemon ends, which it does without any of the ordinary ways that would look. What came out, "0" or "1", is
+// written to the file that LEAK_CHECK_RESULT names.
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>

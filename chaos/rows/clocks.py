@@ -20,9 +20,9 @@ WRAP = 2 ** 31  # seconds of uptime, from which on a signed number of 32 bits is
 
 
 @row("clocks", "clocks that jump, and long uptimes",
-     "the wall clock a year ahead or back, at random moments (a library stands between the daemon and its clock); beside "
-     "it a gateway in a time namespace, whose uptime passes 2^31 s half-way. In the short form waits are held against "
-     "fifty times the goal", short=34, long=600, seconds=(90, 1000))
+     "the wall clock a year ahead or back, at random moments (a library stands between the daemon and its clock); "
+     "beside it a gateway in a time namespace, whose uptime passes 2^31 s half-way. In the short form waits are "
+     "held against fifty times the goal", short=34, long=600, seconds=(90, 1000))
 def clocks(run):
     """Waits take as long as they are to, and only what is to be restarted is."""
     ways = [jumping, long_up]

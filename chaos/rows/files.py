@@ -78,12 +78,14 @@ NAMES = [f"s{number}" for number in range(16)]
 
 @row("disk", "nothing can be written, or opened",
      "a full disk, read-only directories, directories that are gone, and a daemon without a free descriptor, each on a "
-     "gateway of its own and for half a minute at a time, while services are killed", short=1, long=9, seconds=(90, 1300))
+     "gateway of its own and for half a minute at a time, while services are killed", short=1, long=9,
+     seconds=(90, 1300))
 def disk(run):
     """What is killed meanwhile is restarted, and afterwards the log is whole."""
     kinds = [Full, ReadOnly, Missing, NoDescriptors]
-    answers = side_by_side(run, len(kinds), lambda gateway, chance, number: rounds(gateway, chance, kinds[number],
-                                                                                   run.amount), limit=run.amount * 50 + 40)
+    answers = side_by_side(
+        run, len(kinds), lambda gateway, chance, number: rounds(gateway, chance, kinds[number], run.amount),
+        limit=run.amount * 50 + 40)
     killed, missed, torn, silent = map(sum, zip(*answers))
     return [at_least("rounds", run.amount * len(answers), run.amount * len(kinds)),
             none("restarts missed", missed, killed),

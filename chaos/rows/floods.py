@@ -43,13 +43,15 @@ def on_a_quiet_machine(run, limit):
 
 
 @row("keep-alive-flood", "a flood of keep-alives",
-     "one client, as fast as the bus takes them, of 50 items; a second one feeds a deadline of 15 s each second and asks "
-     "for the report. In the short form the times are held against fifty times the goal, since other tests run beside it",
+     "one client, as fast as the bus takes them, of 50 items; a second one feeds a deadline of 15 s each second and "
+     "asks for the report. In the short form the times are held against fifty times the goal, since other tests run "
+     "beside it",
      short=8, long=600, seconds=(90, 1000))
 def keep_alive_flood(run):
     """The monitor keeps its pace, callers are served, and nothing is restarted."""
     gateway = run.gateway()
-    gateway.catalogue(Service("named", bus="iot.test.named", monitor=1), Service("other", bus="iot.test.other", monitor=1))
+    gateway.catalogue(Service("named", bus="iot.test.named", monitor=1),
+                      Service("other", bus="iot.test.other", monitor=1))
     waits = gateway.path("waits")
     daemon = gateway.up(env=dict(os.environ, LD_PRELOAD=run.preload("wait_times"), WAIT_TIMES=waits))
     tail = LogTail()

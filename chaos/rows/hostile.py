@@ -45,8 +45,8 @@ def replay(run, names):
 
 def fuzz(run, names):
     """Look for new inputs, with another build; what is found is kept in the corpus."""
-    done = subprocess.run([os.path.join(REPOSITORY, "scripts", "fuzz"), "140", *names], stdout=subprocess.PIPE, text=True,
-                          check=False)
+    done = subprocess.run([os.path.join(REPOSITORY, "scripts", "fuzz"), "140", *names],
+                          stdout=subprocess.PIPE, text=True, check=False)
     fed = sum(map(int, re.findall(r"(\d+) inputs, ", done.stdout)))
     reached = re.search(r"([\d.]+) %$", done.stdout, re.MULTILINE)
     run.progress(fed)
@@ -81,7 +81,8 @@ def hostile_messages(run):
     tail.stop()
     cycles = sum(event.text == UP for event in tail.take())
     return [at_least("messages", sent + sum(number for number, _ in totals), run.amount),
-            at_least("connections that a broken frame has ended", sum(number for _, number in totals), run.amount // 200),
+            at_least("connections that a broken frame has ended", sum(number for _, number in totals),
+                     run.amount // 200),
             none("exits of the daemon", int(not daemon.alive()), None),
             none("restarts of the stack", cycles - 1, None),
             at_most("resident memory gained", gained, 0 if run.is_long else 512, "KiB")]

@@ -18,8 +18,9 @@ SANITIZED = os.path.join(REPOSITORY, "build-leaks")
 
 
 @row("leaks", "the stack brought down and up again",
-     "\"reboot\", by a daemon whose threads wait a tenth of their time; then, in the long form, 50 cycles under valgrind "
-     "and 50 with the leak sanitizer. The slope is the median of those between any two of 100 moments of the second half",
+     "\"reboot\", by a daemon whose threads wait a tenth of their time; then, in the long form, 50 cycles under "
+     "valgrind and 50 with the leak sanitizer. The slope is the median of those between any two of 100 moments of the "
+     "second half",
      short=60, long=2000, seconds=(90, 1300))
 def leaks(run):
     """A cycle leaves nothing behind."""
@@ -109,8 +110,9 @@ def under_valgrind(gateway, amount):
 
 def under_leak_sanitizer(run, amount):
     """1 when memory was lost, else 0; of a build of its own."""
-    for words in (["-S", REPOSITORY, "-B", SANITIZED, "-G", "Ninja", "-DQUORVANED_SANITIZE=address", "--log-level=WARNING",
-                   "-DQUORVANED_TESTS=OFF", "-DQUORVANED_GATEWAY=OFF"], ["--build", SANITIZED, "--target", "quorvaned"]):
+    for words in (["-S", REPOSITORY, "-B", SANITIZED, "-G", "Ninja", "-DQUORVANED_SANITIZE=address",
+                   "--log-level=WARNING", "-DQUORVANED_TESTS=OFF", "-DQUORVANED_GATEWAY=OFF"],
+                  ["--build", SANITIZED, "--target", "quorvaned"]):
         subprocess.run(["cmake", *words], check=True, stdout=subprocess.DEVNULL)
     library = subprocess.run(["g++", "-print-file-name=libasan.so"], check=True, stdout=subprocess.PIPE, text=True)
     gateway = run.gateway()
