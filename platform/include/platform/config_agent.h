@@ -13,8 +13,8 @@ class CDBusChannel;
 // Context: any thread that may call CDBusChannel::call.
 class CConfigAgent {
  public:
-  static constexpr int32_t refused =
-      INT32_MIN + 4;  // the key or the value is no text that the bus carries; nothing was sent
+  // The key or the value is no text that the bus carries; nothing was sent.
+  static constexpr int32_t refused = INT32_MIN + 4;
 
   // `channel` carries the calls and must outlive the agent; `client_name` is the caller's bus name.
   CConfigAgent(CDBusChannel* channel, std::string client_name);

@@ -42,11 +42,14 @@ class CDBusChannel {
   using ErrorHandler = TFunction1<void, int32_t>;
 
   // Results of `call` when there was no reply, of which no code of a service has the value; else it gives 0.
-  static constexpr int32_t call_failed = INT32_MIN;         // not sent, or answered with an error
-  static constexpr int32_t call_timed_out = INT32_MIN + 1;  // no reply in time
-  static constexpr int32_t call_closed = INT32_MIN + 2;     // the channel was stopped, or the bus went away
-  static constexpr int32_t call_unanswerable =
-      INT32_MIN + 3;  // refused by the bus, or the service left before it answered
+  // call_failed: not sent, or answered with an error
+  // call_timed_out: no reply in time
+  // call_closed: the channel was stopped, or the bus went away
+  // call_unanswerable: refused by the bus, or the service left before it answered
+  static constexpr int32_t call_failed = INT32_MIN;
+  static constexpr int32_t call_timed_out = INT32_MIN + 1;
+  static constexpr int32_t call_closed = INT32_MIN + 2;
+  static constexpr int32_t call_unanswerable = INT32_MIN + 3;
 
   // `address` of the bus, well-known `name` to take (empty: a client that takes none and serves nothing), object
   // `path`, and `match_rules` to add beside the channel's own (which lets broadcasts on its interface in).
