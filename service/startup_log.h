@@ -9,7 +9,7 @@ namespace Tessaro::Iot::Component {
 // Appends one finished line to the start-up log, which restarts empty once it has grown past 262144 bytes. The file is
 // created with mode 0640 at most; a missing directory or any failure drops the line.
 // One line is one write, so lines of several threads and processes never mix. Writers take turns, so that the file is
-// never more than one line beyond its limit; somebody who keeps it locked delays a line by some tenths of a second at most.
+// never more than one line beyond its limit; somebody who keeps it locked delays a line by a part of a second.
 // Context: any, including signal handlers and forked children.
 void append_startup_log(std::string_view line) noexcept;
 
