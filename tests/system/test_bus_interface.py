@@ -144,7 +144,7 @@ def test_a_complete_identity_restarts_the_stack_and_its_secret_is_never_logged(g
     gateway.up()
     up = gateway.log.find(UP)[0]
     pid = gateway.pid_of("RemoteTerminalDaemon")
-    answer = gateway.bus().set_triple('{"productkey":"pk%s%n\\n2025 forged","devicename":"dn\\u0000x",'
+    answer = gateway.bus().set_triple('{"productkey":"pk%s%n\\n2025 forged","devicename":"dn\\u001b[2J",'
                                       '"devicesecret":"s3cr3t-value"}')
     assert squeezed(answer) == SUCCESS
     gateway.log.wait_for(UP, 15, after=up)
