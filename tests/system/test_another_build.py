@@ -53,7 +53,7 @@ def state_of(daemon):
     descriptors = [processes.link(daemon.pid, f"fd/{number}") for number in os.listdir(f"/proc/{daemon.pid}/fd")]
     return {"descriptors": sorted(re.sub(r"\d+", "N", target) for target in descriptors),
             "threads": processes.status_field(daemon.pid, "Threads"),
-            "children": sorted(processes.arguments(pid)[0] for pid in daemon.services()),
+            "children": sorted("".join(processes.arguments(pid)[:1]) for pid in daemon.services()),
             "lock": processes.lock_owner(PID_FILE)}
 
 

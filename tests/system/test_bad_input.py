@@ -187,12 +187,15 @@ def test_json_of_every_wrong_shape_is_refused_with_code_2(gateway):
 
 
 @pytest.mark.takes(25)
-def test_an_identity_of_any_content_is_taken_and_the_daemon_goes_on(gateway):
+def test_an_identity_of_any_text_is_taken_and_the_daemon_goes_on(gateway):
     daemon = Watched(gateway, Service("svc", monitor=1),
                      Service("config", "--config=gw_system_productkey=old", "--config=gw_system_devicename=old",
                              bus="iot.dmp.configmanager"))
-    # No character, a zero, control characters, more than a line of the log, formats.
-    for value in ("\\udc00", "a\\u0000b", "\\u001b[2J\\n2025-01-01 00:00:00.000000 [pid=1] [main.cpp|1] forged",
+    # No character, a zero: they could not be handed on.
+    for value in ("\\udc00", "a\\u0000b"):
+        assert daemon.triple(triple(productkey="X", devicename="X").replace("X", value)) == WRONG
+    # Control characters, more than a line of the log, formats.
+    for value in ("\\u001b[2J\\n2025-01-01 00:00:00.000000 [pid=1] [main.cpp|1] forged",
                   "x" * 1_000_000, "%s%n%d"):
         assert daemon.triple(triple(productkey="X", devicename="X").replace("X", value)) == SUCCESS
         daemon.restarted()
