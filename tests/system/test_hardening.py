@@ -5,13 +5,11 @@ import re
 import signal
 
 import pytest
-from harness import clock, processes
+from harness import clock, processes, staging
 from harness.bus import ADDRESS
 from harness.gateway import RUN, STARTUP, UP, Service
 
 NOBODY = 65534
-SANITIZED = pytest.mark.skipif("tsan" in os.environ.get("QUORVANED_BUILD", "") or "asan" in os.environ.get("QUORVANED_BUILD", ""),
-                               reason="a sanitizer brings its own checks")
 
 
 def programs(root):
@@ -47,7 +45,7 @@ def test_every_program_of_an_installation_is_hardened(installed):
     assert wrong == []
 
 
-@SANITIZED
+@pytest.mark.skipif(staging.is_sanitized(), reason="a sanitizer brings its own checks")
 def test_the_daemon_guards_its_stack_and_checks_its_buffers(installed):
     symbols = readelf("--dyn-syms", installed.program)
     assert "__stack_chk_fail@" in symbols

@@ -29,6 +29,13 @@ def build_directory():
     return os.path.abspath(os.environ.get("QUORVANED_BUILD") or os.path.join(REPOSITORY, "build"))
 
 
+def is_sanitized():
+    """Whether the daemon to be tested was built with a sanitizer, which has an allocator and checks of its own."""
+    with open(_programs(build_directory())["quorvaned"], "rb") as file:
+        content = file.read()
+    return b"__tsan_init" in content or b"__asan_init" in content
+
+
 def _programs(build):
     """Name in the stage -> where it comes from."""
     return {
