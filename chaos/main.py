@@ -3,21 +3,20 @@
 usage: scripts/chaos [--long] [--again] [--seed N] [--amount N] [--record] [ROW...]
        scripts/chaos --list
 
-  --long    the long form, at most twenty minutes a row; what has been done on this commit is not done again
+  --long    the long form, at most twenty minutes a row and seed; what has been done on this state of the daemon's
+            sources and of the row is not done again
   --again   ... but now it is
-  --seed N  begin all chance with this number; else with the time
+  --seed N  begin all chance with this number; else with the time, or with each of the row's own seeds in the long form
   --amount N  do so much instead; such a result is not kept
   --record  write the results of the long form that are kept into docs/reliability.md
-  --list    name the rows
+  --list    name the rows, and tell how their long forms stand: met, not met, stale (of other sources), not run
 
 Exit status: 0 when every goal was met, else 1.
 """
 
 import datetime
-import json
 import os
 import platform
-import subprocess
 import sys
 import time
 
@@ -27,24 +26,12 @@ sys.path[:0] = [os.path.join(TOP, "tests", "system"), os.path.dirname(os.path.ab
 from harness import sandbox, staging  # noqa: E402  (the paths come first)
 from harness.gateway import Gateway  # noqa: E402
 from row import ROWS, Figure, Run  # noqa: E402
+import kept  # noqa: E402
 import rows  # noqa: E402,F401  (it fills ROWS)
 
 PAGE = os.path.join(TOP, "docs", "reliability.md")
-KEPT = os.path.join(TOP, "build-chaos")
 BEGIN = "<!-- written by scripts/chaos --record from here -->"
 END = "<!-- to here -->"
-
-
-def output(*words):
-    """What a program says; nothing when it fails."""
-    done = subprocess.run(words, cwd=TOP, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, check=False)
-    return done.stdout.strip()
-
-
-def commit():
-    """The commit that is tried."""
-    name = output("git", "rev-parse", "--short", "HEAD") or "unknown"
-    return name + (" with changes" if output("git", "status", "--porcelain", "--", "platform", "service") else "")
 
 
 def machine():
@@ -54,21 +41,7 @@ def machine():
     return f"{os.cpu_count()} x {model}, Linux {platform.release()}"
 
 
-def kept_path(name):
-    """Where the long form's result of a row is kept."""
-    return os.path.join(KEPT, name + ".json")
-
-
-def kept(name):
-    """The kept result of a row, or none."""
-    try:
-        with open(kept_path(name), encoding="utf-8") as file:
-            return json.load(file)
-    except (FileNotFoundError, ValueError):
-        return None
-
-
-def run(row, form, amount, seed, stage):
+def run(row, form, amount, seed, stage, tried):
     """Throw a row's fault; give what is to be kept."""
     def body():
         count = 0
@@ -80,39 +53,49 @@ def run(row, form, amount, seed, stage):
         figures = row.body(Run(make_gateway, amount or getattr(row, form), seed, form == "long"))
         return [vars(figure) for figure in figures]
 
-    begin = time.monotonic()
+    begin, mark = time.monotonic(), tried.mark(row)
     try:
         figures = sandbox.run_inside(body, keep=[stage], limit=row.limits[form], sizes=row.sizes)
     except sandbox.Broken as error:
         figures = [vars(Figure(f"not finished: {error}", 0, None, "finished", False))]
-    return {"figures": figures, "seconds": round(time.monotonic() - begin), "seed": seed, "commit": commit(),
-            "machine": machine(), "date": datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d %H:%M UTC")}
+    return {"figures": figures, "seconds": round(time.monotonic() - begin), "seed": seed, "commit": tried.commit,
+            "mark": mark, "machine": machine(),
+            "date": datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d %H:%M UTC")}
 
 
 def show(row, result):
     """Tell what came out."""
     print(f"{row.name}: {row.fault}")
-    for entry in result["figures"]:
-        figure = Figure(**entry)
+    for figure in kept.figures(result):
         print(f"  {'met    ' if figure.met else 'NOT MET'}  {figure.text()}  (goal: {figure.goal})")
     print(f"  {result['seconds']} s, seed {result['seed']}, commit {result['commit']}", flush=True)
-    return all(entry["met"] for entry in result["figures"])
+    return all(figure.met for figure in kept.figures(result))
+
+
+def listed():
+    """The rows, and how their long forms stand."""
+    tried = kept.Tried()
+    return "\n".join(f"{label:20} {kept.state(kept.load(label), tried.mark(row)):8} {row.fault}"
+                     for row in ROWS.values() for label in kept.labels(row))
+
+
+def line(row, result):
+    """A line of the page's table."""
+    if result is None:
+        return f"| {row.fault} | {row.how} | not run yet | | | |"
+    figures = kept.figures(result)
+    return (f"| {row.fault} | {row.how} | {'<br>'.join(figure.text() for figure in figures)} | "
+            f"{'<br>'.join(figure.goal for figure in figures)} | "
+            f"{'<br>'.join('yes' if figure.met else '**no**' for figure in figures)} | "
+            f"{result['date']}, {result['seconds']} s, seed {result['seed']}, commit {result['commit']} |")
 
 
 def record():
     """Write the kept results into the page."""
+    results = [(row, kept.load(label)) for row in ROWS.values() for label in kept.labels(row)]
     lines = ["| fault | how | result | goal | met | run |", "|---|---|---|---|---|---|"]
-    for row in ROWS.values():
-        result = kept(row.name)
-        if result is None:
-            lines.append(f"| {row.fault} | {row.how} | not run yet | | | |")
-            continue
-        figures = [Figure(**entry) for entry in result["figures"]]
-        run_text = f"{result['date']}, {result['seconds']} s, seed {result['seed']}, commit {result['commit']}"
-        lines.append(f"| {row.fault} | {row.how} | {'<br>'.join(figure.text() for figure in figures)} | "
-                     f"{'<br>'.join(figure.goal for figure in figures)} | "
-                     f"{'<br>'.join('yes' if figure.met else '**no**' for figure in figures)} | {run_text} |")
-    machines = sorted({result["machine"] for result in map(kept, ROWS) if result})
+    lines += [line(row, result) for row, result in results]
+    machines = sorted({result["machine"] for _, result in results if result})
     lines += ["", "Machine: " + "; ".join(machines)] if machines else []
     with open(PAGE, encoding="utf-8") as file:
         text = file.read()
@@ -121,43 +104,49 @@ def record():
         file.write(f"{head}{BEGIN}\n\n" + "\n".join(lines) + f"\n\n{END}{rest.partition(END)[2]}")
 
 
+def run_all(names, form, amount, again, seed):
+    """Run the rows; give whether every goal was met."""
+    tried = kept.Tried()
+    keeps = form == "long" and not amount
+    stage = staging.make_stage()
+    met = True
+    try:
+        for row in (ROWS[name] for name in names or ROWS):
+            for one in [seed] if seed or form == "short" or not row.seeds else row.seeds:
+                label = kept.label(row, one)
+                result = kept.load(label) if keeps and not again else None
+                if not kept.is_fresh(result, tried.mark(row)):
+                    print(f"{label} ...", file=sys.stderr, flush=True)
+                    result = run(row, form, amount, one or int(time.time()), stage, tried)
+                    if keeps:
+                        kept.save(label, result)
+                met = show(row, result) and met
+    finally:
+        staging.clear_stage(stage)
+    return met
+
+
 def main():
     """Do what was asked for."""
     words = sys.argv[1:]
-    numbers = {"--seed": int(time.time()), "--amount": 0}
+    numbers = {"--seed": 0, "--amount": 0}
     for option in numbers:
         if option in words:
             place = words.index(option)
             numbers[option] = int(words[place + 1])
             del words[place:place + 2]
-    seed, amount = numbers.values()
     options = {word for word in words if word.startswith("--")}
     names = [word for word in words if not word.startswith("--")]
     if options - {"--long", "--again", "--record", "--list"} or set(names) - set(ROWS):
         print(__doc__.strip(), file=sys.stderr)
         return 2
     if "--list" in options:
-        print("\n".join(f"{row.name:20} {row.fault}" for row in ROWS.values()))
+        print(listed())
         return 0
-    if options == {"--record"} and not names:
-        record()
-        return 0
-    form = "long" if "--long" in options else "short"
-    os.makedirs(KEPT, exist_ok=True)
-    stage = staging.make_stage()
     met = True
-    try:
-        for name in names or ROWS:
-            result = kept(name) if form == "long" and "--again" not in options and not amount else None
-            if result is None or result["commit"] != commit():
-                print(f"{name} ...", file=sys.stderr, flush=True)
-                result = run(ROWS[name], form, amount, seed, stage)
-                if form == "long" and not amount:
-                    with open(kept_path(name), "w", encoding="utf-8") as file:
-                        json.dump(result, file, indent=1)
-            met = show(ROWS[name], result) and met
-    finally:
-        staging.clear_stage(stage)
+    if options != {"--record"} or names:
+        met = run_all(names, "long" if "--long" in options else "short", numbers["--amount"], "--again" in options,
+                      numbers["--seed"])
     if "--record" in options:
         record()
     return 0 if met else 1

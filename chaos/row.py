@@ -42,12 +42,14 @@ class Row:
     long: int
     limits: dict
     sizes: dict | None = None
+    seeds: tuple = ()
 
 
-def row(name, fault, how, *, short, long, seconds, sizes=None):
-    """Register a row: how much of it the short and the long form do, and how many seconds each may take."""
+def row(name, fault, how, *, short, long, seconds, sizes=None, seeds=()):
+    """Register a row: how much of it the short and the long form do, and how many seconds each may take. Its long form
+    is run once for each of these seeds, if there are any."""
     def register(body):
-        ROWS[name] = Row(name, fault, how, body, short, long, dict(zip(("short", "long"), seconds)), sizes)
+        ROWS[name] = Row(name, fault, how, body, short, long, dict(zip(("short", "long"), seconds)), sizes, seeds)
         return body
     return register
 
