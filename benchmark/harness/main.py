@@ -1,91 +1,77 @@
-"""Runs the measurements and shows them. Called by benchmark/run, inside private directories."""
+"""usage: scripts/bench [--quick] [--resume] [--record] [NAME...]
 
-import datetime
-import os
-import platform
-import subprocess
+Builds the daemon as it is installed and measures it, in turn, beside the least that can do the same and beside other
+supervisors. Without a name: everything, which takes up to half an hour. Names:
+
+{names}
+
+  --quick   seconds instead of minutes for each; fewer repetitions, so wider spreads
+  --resume  do not measure again what was measured at this commit: results are kept in build-bench-results/
+  --record  write all results that are kept, of thorough runs, into docs/performance.md
+  --list    only the names, one on a line
+
+Exit status: 0 when everything was measured, whatever came out; 1 when something could not be; 2 for wrong usage.
+"""
+
 import sys
 
-from gateway import REPOSITORY, Failed
-from rows import ROWS
-from table import markdown, plain
+import page
+import registry
+import results
+from gateway import Failed
+from table import plain
 
-PAGE = os.path.join(REPOSITORY, "docs", "performance.md")
-BEGIN = "<!-- written by benchmark/run --record from here -->"
-END = "<!-- to here -->"
-
-
-def output(*arguments):
-    """What a program says; nothing when it fails."""
-    ended = subprocess.run(arguments, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, check=False,
-                           cwd=REPOSITORY)
-    return ended.stdout.strip()
+OPTIONS = ("--quick", "--resume", "--record", "--list", "--help", "-h", "--check")
 
 
-def commit():
-    """The commit that was measured."""
-    git = ("git", "-c", f"safe.directory={REPOSITORY}")
-    name = output(*git, "rev-parse", "--short", "HEAD") or "unknown"
-    changed = output(*git, "status", "--porcelain", "--", "platform", "service", "gateway/bus")
-    return name + (" with changes" if changed else "")
+def explain(measurements):
+    """The usage."""
+    names = "\n".join(f"  {each.name:<9} {each.what}; against {each.against}" for each in measurements.values())
+    return __doc__.format(names=names).strip()
 
 
-def field(path, name, separator):
-    """A value of a file of lines."""
-    with open(path, encoding="utf-8") as file:
-        for line in file:
-            key, _, value = line.partition(separator)
-            if key.strip() == name:
-                return value.strip().strip('"')
-    return "unknown"
-
-
-def circumstances(load_before):
-    """Where and when: what the figures depend on."""
-    memory = int(field("/proc/meminfo", "MemTotal", ":").split()[0]) / 1024 / 1024
-    return {
-        "commit": commit(),
-        "date": datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d %H:%M UTC"),
-        "machine": f"{os.cpu_count()} x {field('/proc/cpuinfo', 'model name', ':')}, {memory:.0f} GiB",
-        "system": f"{field('/etc/os-release', 'PRETTY_NAME', '=')}, Linux {platform.release()}",
-        "load": f"{load_before:.1f} before, {os.getloadavg()[0]:.1f} after "
-                f"(on an idle machine the first is about 0, the second about {os.cpu_count()})",
-    }
-
-
-def record(rows, facts):
-    """Put the results in their place on the page."""
-    with open(PAGE, encoding="utf-8") as file:
-        text = file.read()
-    head, _, rest = text.partition(BEGIN)
-    _, _, tail = rest.partition(END)
-    lines = "\n".join(f"- {key}: {value}" for key, value in facts.items())
-    with open(PAGE, "w", encoding="utf-8") as file:
-        file.write(f"{head}{BEGIN}\n\n{markdown(rows)}\n\n{lines}\n\n{END}{tail}")
+def measure(measurements, names, quick, resume):
+    """Measure what was asked for; gives the results, and whether something failed."""
+    made, failed = [], False
+    for name in names:
+        result = results.kept(name) if resume else None
+        if not results.is_fresh(result, quick):
+            print(f"{name} ...", file=sys.stderr, flush=True)
+            try:
+                result = results.measure(measurements[name], quick)
+            except Failed as error:
+                print(f"{name}: {error}", file=sys.stderr)
+                failed = True
+                continue
+        made.append(result)
+    return made, failed
 
 
 def main():
-    """Measure what was asked for."""
-    options = [word for word in sys.argv[1:] if word.startswith("--")]
-    names = [word for word in sys.argv[1:] if not word.startswith("--")] or list(ROWS)
-    load_before = os.getloadavg()[0]
-    rows = []
-    failed = False
-    for name in dict.fromkeys(names):
-        print(f"{name} ...", file=sys.stderr, flush=True)
-        try:
-            rows += ROWS[name]("--quick" in options)
-        except Failed as error:
-            print(f"{name}: {error}", file=sys.stderr)
-            failed = True
-    facts = circumstances(load_before)
-    print(plain(rows))
+    """Do what the command line asks for."""
+    measurements = registry.load()
+    options = [word for word in sys.argv[1:] if word.startswith("-")]
+    names = list(dict.fromkeys(word for word in sys.argv[1:] if not word.startswith("-"))) or list(measurements)
+    if "--help" in options or "-h" in options:
+        print(explain(measurements))
+        return 0
+    if any(word not in OPTIONS for word in options) or any(name not in measurements for name in names):
+        print(explain(measurements), file=sys.stderr)
+        return 2
+    if "--list" in options:
+        print("\n".join(measurements))
+        return 0
+    if "--check" in options:
+        return 0
+    made, failed = measure(measurements, names, "--quick" in options, "--resume" in options)
+    print(plain([row for result in made for row in result.rows]))
     print()
-    for key, value in facts.items():
+    for key, value in page.facts(made).items():
         print(f"{key}: {value}")
-    if "--record" in options and not failed:
-        record(rows, facts)
+    if "--record" in options:
+        page.record([result for name in measurements if (result := results.kept(name)) and not result.quick])
     return 1 if failed else 0
 
 
-sys.exit(main())
+if __name__ == "__main__":
+    sys.exit(main())

@@ -2,18 +2,35 @@
 
 import dataclasses
 import statistics
+import typing
+
+PEERS = ("runit", "s6", "daemontools", "supervisor", "monit")
 
 
 @dataclasses.dataclass
 class Row:
-    """One comparison."""
+    """One comparison: a line of the table."""
 
     name: str
     ours: str
-    baseline: str
-    ratio: str
-    goal: str
-    met: bool
+    floor: str = ""  # the least that can do the same
+    ratio: str = ""  # ours to the floor, of neighbouring measurements
+    goal: str = ""  # without a goal the row only tells
+    met: typing.Optional[bool] = None
+    peers: dict = dataclasses.field(default_factory=dict)  # by the names above
+    note: str = ""  # a reservation, or why the goal is missed
+
+
+@dataclasses.dataclass
+class Chart:
+    """A picture: some series over the same axis."""
+
+    name: str  # of the file
+    title: str
+    x: str
+    y: str
+    series: dict  # label: [[x, y], ...]
+    both_logarithmic: bool = True
 
 
 @dataclasses.dataclass
@@ -38,12 +55,28 @@ class Spread:
         return f"{self.middle * scale:.{digits}f}{unit} ({low:.{digits}f}..{high:.{digits}f})"
 
 
-def ratios(ours, baseline, groups=20):
+def ratios(ours, floor, groups=20):
     """The ratio of the medians of each group of neighbouring measurements."""
     size = max(1, len(ours) // groups)
-    pairs = [(ours[begin:begin + size], baseline[begin:begin + size])
+    pairs = [(ours[begin:begin + size], floor[begin:begin + size])
              for begin in range(0, len(ours) - size + 1, size)]
     return Spread.of([statistics.median(a) / statistics.median(b) for a, b in pairs])
+
+
+def at_most(limit, value, unit=""):
+    """A goal and whether it is met."""
+    return f"<= {limit:g}{unit}", value <= limit
+
+
+def at_least(limit, value, unit=""):
+    """A goal and whether it is met."""
+    return f">= {limit:g}{unit}", value >= limit
+
+
+def beside(value, ours, scale=1.0, unit="", digits=2):
+    """What a peer takes, and how many times ours that is."""
+    times = value / ours if ours > 0 else float("inf")
+    return f"{value * scale:.{digits}f}{unit} ({times:.{1 if times < 100 else 0}f} x)"
 
 
 def percentile(values, percent):
@@ -52,22 +85,44 @@ def percentile(values, percent):
     return ordered[min(len(ordered) - 1, len(ordered) * percent // 100)]
 
 
-TITLES = ("name", "ours", "baseline", "ratio", "goal", "met")
+TITLES = ("name", "ours", "floor", "ratio", "goal", "met", *PEERS)
+VERDICTS = {None: "", True: "met", False: "NOT met"}
 
 
-def cells(row):
-    """The texts of one line."""
-    return row.name, row.ours, row.baseline, row.ratio, row.goal, "met" if row.met else "NOT met"
+def cells(rows):
+    """The texts of all lines, and the notes that they point to."""
+    lines, notes = [], []
+    for row in rows:
+        mark = ""
+        if row.note:
+            if row.note not in notes:
+                notes.append(row.note)
+            mark = f" [{notes.index(row.note) + 1}]"
+        lines.append((row.name + mark, row.ours, row.floor, row.ratio, row.goal, VERDICTS[row.met],
+                      *(row.peers.get(peer, "") for peer in PEERS)))
+    return lines, notes
+
+
+def used(lines):
+    """The lines without the peers' columns that nobody fills."""
+    kept = [place for place, title in enumerate(TITLES) if title not in PEERS or any(line[place] for line in lines)]
+    return [tuple(line[place] for place in kept) for line in [TITLES, *lines]]
 
 
 def plain(rows):
     """The table for a terminal."""
-    lines = [TITLES, *map(cells, rows)]
-    widths = [max(len(line[column]) for line in lines) for column in range(len(TITLES))]
-    return "\n".join("  ".join(text.ljust(width) for text, width in zip(line, widths)).rstrip() for line in lines)
+    lines, notes = cells(rows)
+    lines = used(lines)
+    widths = [max(len(line[column]) for line in lines) for column in range(len(lines[0]))]
+    text = ["  ".join(text.ljust(width) for text, width in zip(line, widths)).rstrip() for line in lines]
+    return "\n".join(text + [f"[{place}] {note}" for place, note in enumerate(notes, 1)])
 
 
 def markdown(rows):
     """The table for a page."""
-    lines = [TITLES, ("---",) * len(TITLES), *map(cells, rows)]
-    return "\n".join("| " + " | ".join(text.strip() for text in line) + " |" for line in lines)
+    lines, notes = cells(rows)
+    head, *rest = used(lines)
+    text = ["| " + " | ".join(text.strip() for text in line) + " |" for line in [head, ("---",) * len(head), *rest]]
+    if notes:
+        text += ["", *(f"[{place}] {note}  " for place, note in enumerate(notes, 1))]
+    return "\n".join(text)

@@ -1,39 +1,27 @@
-"""The measurements. Each makes both sides do the same, in turn, in one run."""
+"""What comes over the bus, and the start of services that take a name: beside programs that use libdbus and nothing else."""
 
 import os
 import statistics
 import subprocess
-import time
 
 from gateway import (ADDRESS, BARE_ANSWERER, BARE_RECEIVER, BIN, DAEMON, RECORDS, WATCHDOG, Failed, Gateway, cpu_s,
                      program, run, until)
-from table import Row, Spread, percentile, ratios
+from registry import measurement
+from table import Row, Spread, at_least, at_most, percentile, ratios
+from turns import repetitions, sides
 
 FLOOD_RATE = 20000
 
 
-def repetitions(least, most, budget_s):
-    """Count from 0 up to `most`, fewer (but `least`) when the time is used up."""
-    begin = time.monotonic()
-    for number in range(most):
-        if number >= least and time.monotonic() - begin > budget_s:
-            return
-        yield number
-
-
-def sides(number):
-    """A B, B A, A B, ...: so that what drifts falls on both."""
-    return ("ours", "bare") if number % 2 == 0 else ("bare", "ours")
-
-
+@measurement("feed", "how fast and at what cost keep-alive signals are taken in", "a receiver that counts them")
 def feed(quick):
     """100,000 unicast keep-alives, to the daemon and to a receiver that only counts."""
     count = 20000 if quick else 100000
-    rates = {"ours": [], "bare": []}
-    costs = {"ours": [], "bare": []}
+    rates = {"ours": [], "floor": []}
+    costs = {"ours": [], "floor": []}
     with Gateway(named=20) as gateway:
         bare = gateway.beside("bare_receiver", BARE_RECEIVER, owns=BARE_RECEIVER)
-        receivers = {"ours": (WATCHDOG, gateway.daemon.pid), "bare": (BARE_RECEIVER, bare.pid)}
+        receivers = {"ours": (WATCHDOG, gateway.daemon.pid), "floor": (BARE_RECEIVER, bare.pid)}
         for number in repetitions(3, 4 if quick else 12, 10 if quick else 100):
             for side in sides(number):
                 name, pid = receivers[side]
@@ -42,15 +30,15 @@ def feed(quick):
                                                  120).split())
                 costs[side].append((cpu_s(pid) - before) / sent)
                 rates[side].append(sent / total_ns * 1e9)
-    rate, cost = ratios(rates["ours"], rates["bare"]), ratios(costs["ours"], costs["bare"])
+    rate, cost = ratios(rates["ours"], rates["floor"]), ratios(costs["ours"], costs["floor"])
 
     def show(values, scale, unit):
         return Spread.of(values).show(scale, unit, 1)
 
-    yield Row("feedDog: signals per second", show(rates["ours"], 1e-3, " k"), show(rates["bare"], 1e-3, " k"),
-              rate.show(), ">= 0.9", rate.middle >= 0.9)
-    yield Row("feedDog: CPU per signal", show(costs["ours"], 1e6, " us"), show(costs["bare"], 1e6, " us"),
-              cost.show(), "<= 1.5", cost.middle <= 1.5)
+    yield Row("feedDog: signals per second", show(rates["ours"], 1e-3, " k"), show(rates["floor"], 1e-3, " k"),
+              rate.show(), *at_least(0.9, rate.middle))
+    yield Row("feedDog: CPU per signal", show(costs["ours"], 1e6, " us"), show(costs["floor"], 1e6, " us"),
+              cost.show(), *at_most(1.5, cost.middle))
 
 
 def round_trips(gateway, pairs, pause_us, within):
@@ -66,6 +54,7 @@ def round_trips(gateway, pairs, pause_us, within):
     return ours, bare
 
 
+@measurement("report", "the round trip of get_le_status, quiet and under a flood", "a service that answers with a constant")
 def report(quick):
     """get_le_status, quiet and under a flood of keep-alives."""
     yield from report_of(20, quick)
@@ -85,7 +74,7 @@ def report_of(services, quick):
         ratio = ratios(ours, bare)
         name = f"get_le_status, {services:,} services"
         yield Row(name, Spread.of(ours).show(1e6, " us", 0), Spread.of(bare).show(1e6, " us", 0), ratio.show(),
-                  "<= 1.3", ratio.middle <= 1.3)
+                  *at_most(1.3, ratio.middle))
         yield flood(gateway, name, quick)
 
 
@@ -109,6 +98,7 @@ def flood(gateway, name, quick):
                f"{p99 / percentile(bare, 99):.2f}", "p99 < 20 ms", p99 < 0.020)
 
 
+@measurement("command", "the whole status command", "dbus-send making the same call")
 def command(quick):
     """The whole status command beside a general tool that makes the same call."""
     status = [os.path.join(BIN, "quorvaned"), "status"]
@@ -124,7 +114,7 @@ def command(quick):
             bare.append(b_ns / 1e9)
     ratio = ratios(ours, bare)
     yield Row("status command, whole", Spread.of(ours).show(1e3, " ms"), Spread.of(bare).show(1e3, " ms"),
-              ratio.show(), "<= 1.3", ratio.middle <= 1.3)
+              ratio.show(), *at_most(1.3, ratio.middle))
 
 
 def gaps(directory, count):
@@ -142,7 +132,8 @@ def gaps(directory, count):
     return [(after[0] - before[1]) / 1e9 for before, after in zip(records, records[1:])]
 
 
-def start(quick):
+@measurement("names", "from a bus name to the next service's start", "a bare supervisor that waits for names")
+def names(quick):
     """The daemon's start of many services, beside a supervisor that does nothing else."""
     services = 40
     ours, bare = [], []
@@ -160,6 +151,3 @@ def start(quick):
     ratio = ratios(ours, bare, groups=8)
     yield Row("bus name, to the next start", Spread.of(ours).show(1e3, " ms"), Spread.of(bare).show(1e3, " ms"),
               ratio.show(), "< 2 ms", middle < 0.002)
-
-
-ROWS = {"feed": feed, "report": report, "command": command, "start": start}

@@ -1,0 +1,96 @@
+"""What was measured is kept, so that a run can be resumed and the page be written from several runs."""
+
+import dataclasses
+import datetime
+import json
+import os
+import platform
+import subprocess
+
+from gateway import REPOSITORY
+from table import Chart, Row
+
+FOLDER = os.path.join(REPOSITORY, "build-bench-results")
+# What a measurement depends on. A change elsewhere makes no result stale.
+SOURCES = ("platform", "service", "gateway/bus", "benchmark", "cmake", "CMakeLists.txt")
+
+
+@dataclasses.dataclass
+class Result:
+    """One measurement's rows and charts, with what they depend on."""
+
+    name: str
+    commit: str
+    quick: bool
+    date: str
+    load: str
+    rows: list
+    charts: list
+
+
+def output(*arguments):
+    """What a program says; nothing when it fails."""
+    ended = subprocess.run(arguments, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, check=False,
+                           cwd=REPOSITORY)
+    return ended.stdout.strip()
+
+
+def commit():
+    """The last commit that changed what is measured, or what measures."""
+    git = ("git", "-c", f"safe.directory={REPOSITORY}")
+    name = output(*git, "log", "-1", "--format=%h", "--", *SOURCES) or "unknown"
+    return name + (" with changes" if output(*git, "status", "--porcelain", "--", *SOURCES) else "")
+
+
+def field(path, name, separator):
+    """A value of a file of lines."""
+    with open(path, encoding="utf-8") as file:
+        for line in file:
+            key, _, value = line.partition(separator)
+            if key.strip() == name:
+                return value.strip().strip('"')
+    return "unknown"
+
+
+def machine():
+    """What the figures themselves depend on."""
+    memory = int(field("/proc/meminfo", "MemTotal", ":").split()[0]) / 1024 / 1024
+    return {
+        "machine": f"{os.cpu_count()} x {field('/proc/cpuinfo', 'model name', ':')}, {memory:.0f} GiB",
+        "system": f"{field('/etc/os-release', 'PRETTY_NAME', '=')}, Linux {platform.release()}",
+    }
+
+
+def measure(measurement, quick):
+    """Measure, and keep the result."""
+    load_before = os.getloadavg()[0]
+    made = list(measurement.run(quick))
+    result = Result(measurement.name, commit(), quick,
+                    datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d %H:%M UTC"),
+                    f"{load_before:.1f} before, {os.getloadavg()[0]:.1f} after",
+                    [item for item in made if isinstance(item, Row)],
+                    [item for item in made if isinstance(item, Chart)])
+    os.makedirs(FOLDER, exist_ok=True)
+    path = os.path.join(FOLDER, measurement.name + ".json")
+    with open(path + ".new", "w", encoding="utf-8") as file:
+        json.dump(dataclasses.asdict(result), file, indent=1)
+    os.rename(path + ".new", path)
+    return result
+
+
+def kept(name):
+    """The kept result of that name; None without one."""
+    try:
+        with open(os.path.join(FOLDER, name + ".json"), encoding="utf-8") as file:
+            fields = json.load(file)
+        fields["rows"] = [Row(**row) for row in fields["rows"]]
+        fields["charts"] = [Chart(**chart) for chart in fields["charts"]]
+        return Result(**fields)
+    except (OSError, ValueError, TypeError, KeyError):
+        return None  # of no use, or of an earlier form: it is measured again
+
+
+def is_fresh(result, quick):
+    """The result is of the sources as they are, and as thorough as asked for."""
+    return result is not None and result.commit == commit() and "changes" not in result.commit and \
+        (quick or not result.quick)

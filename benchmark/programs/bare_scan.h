@@ -1,0 +1,16 @@
+// The least that a scan of /proc for a program can do.
+#pragma once
+
+#include <stddef.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// Looks for the processes of the program `name` below `root` (which ends in "/") in the mount namespace of that link
+// text. Fills up to `room` pids and returns how many it has found.
+size_t bare_scan(const char* root, const char* name, const char* mount_namespace, int* pids, size_t room);
+
+#ifdef __cplusplus
+}
+#endif
