@@ -47,9 +47,9 @@ constexpr std::array<const char*, 3> access_server_keys = {"gw_system_as_host", 
 constexpr std::array<const char*, 3> remote_access_keys = {"gw_remoteaccess_cloud_host", "gw_remoteaccess_cloud_port",
                                                            "gw_remoteaccess_tls_type"};
 
-// A value that the bus does not carry could not be written, and is as good as missing.
+// Complete, and of values that the bus carries: one that it does not could not be written, and is as good as missing.
 template <class Group>
-bool is_complete(const Group& group) {
+bool is_writable(const Group& group) {
   return std::all_of(group.begin(), group.end(),
                      [](const std::string& value) { return !value.empty() && Text::is_bus_text(value); });
 }
@@ -313,7 +313,7 @@ void CStartup::gateway_tripe_change_member_handler(CDBusRequest& request, CDBusR
   } else {
     identity = {JsonOpr::get_json_value(body, "productkey", ""), JsonOpr::get_json_value(body, "devicename", ""),
                 JsonOpr::get_json_value(body, "devicesecret", "")};
-    if (!is_complete(identity)) {
+    if (!is_writable(identity)) {
       log_print(log_level_failure, "color", "tag", __FILE_NAME__, function, __LINE__,
                 "gateway_tripe_change_member_handler, get pk/dn/ds fail");
       reply = reply_object(2, "dbus parameter format error");
@@ -411,7 +411,7 @@ bool CStartup::sync_identity_group(const Group& wanted, bool unfinished) {
 }
 
 bool CStartup::sync_endpoint(const Keys& keys, const Group& wanted) {
-  if (!is_complete(wanted)) return true;
+  if (!is_writable(wanted)) return true;
   STARTUP_LOG("set config %s=%s %s=%s %s=%s", keys[0], wanted[0].c_str(), keys[1], wanted[1].c_str(), keys[2],
               wanted[2].c_str());
   return write_group(keys, wanted, false);
@@ -423,16 +423,18 @@ void CStartup::sync_gateway_identity() {
     const std::lock_guard guard(pending_lock);
     wanted = pending;
   }
-  if (is_complete(wanted.identity) && !sync_identity_group(wanted.identity, wanted.unfinished)) return;
+  if (is_writable(wanted.identity) && !sync_identity_group(wanted.identity, wanted.unfinished)) return;
+  {
+    const std::lock_guard guard(pending_lock);
+    pending.unfinished = false;
+    if (pending.generation == wanted.generation) pending.identity = {};  // else another one arrived meanwhile
+  }
   const bool access_server_written = sync_endpoint(access_server_keys, wanted.access_server);
   const bool remote_access_written = sync_endpoint(remote_access_keys, wanted.remote_access);
-  // What may not have arrived is applied again next time.
-  if (!access_server_written || !remote_access_written) return;
+  if (!access_server_written || !remote_access_written) return;  // what may not have arrived is applied again next time
   const std::lock_guard guard(pending_lock);
   pending.access_server = {};
   pending.remote_access = {};
-  pending.unfinished = false;
-  if (pending.generation == wanted.generation) pending.identity = {};  // else another one arrived meanwhile
 }
 
 void CStartup::sync_ha_switch() {

@@ -43,6 +43,22 @@ class Identity : public StartupTest {
     }
     EXPECT_TRUE(nothing_pending());
   }
+  // The configuration service appears twice; `triple` arrives over the bus while the identity pk, dn, ds is written.
+  void apply_while_another_arrives(const std::string& triple) {
+    make("[]", {"pk", "dn", "ds"});
+    world.on_config_call = [this, triple](const std::string& call) {
+      if (call == "set gw_system_devicename=dn") (void)quorvaned().call("set_gateway_triple", {triple});
+      return true;
+    };
+    const auto appear = [this] { (void)watchdog().name_owner_changed("iot.dmp.configmanager", "", ":1.9"); };
+    world.after_s(10, appear);
+    world.after_s(20, appear);
+    end_by_upgrade_after_ms(30'000);
+    (void)probe().run();
+  }
+  auto count_calls(const std::string& call) {
+    return std::count(world.config_calls.begin(), world.config_calls.end(), call);
+  }
   bool nothing_pending() { return probe().pending_identity() == std::array<std::string, 3>{}; }
   ~Identity() override { std::filesystem::remove_all("/quorvane/run"); }
 
@@ -223,6 +239,10 @@ TEST_F(Identity, WhoseServiceLeavesInTheMiddleIsAppliedWhenItComesBack) {
     end_by_upgrade_after_ms(30'000);
     (void)probe().run();
     expect_all_written();
+    constexpr size_t last_of_the_identity = 7;  // what is lost after it is an endpoint's
+    if (left > last_of_the_identity) {
+      EXPECT_EQ(count_calls("reset"), 1);
+    }
   }
 }
 
@@ -237,23 +257,12 @@ TEST_F(Identity, IsWrittenToTheEndWhenTheEndOfTheProcessBeginsMeanwhile) {
   end_by_upgrade_after_ms(30'000);
   (void)probe().run();
   expect_all_written();
-  EXPECT_EQ(std::count(world.config_calls.begin(), world.config_calls.end(), "reset"), 1);
+  EXPECT_EQ(count_calls("reset"), 1);
 }
 
 TEST_F(Identity, ThatWasWrittenWhileAnotherOneArrivedIsComparedWithThatOne) {
-  make("[]", {"pk", "dn", "ds"});
-  world.on_config_call = [this](const std::string& call) {
-    if (call == "set gw_system_devicename=dn") {
-      (void)quorvaned().call("set_gateway_triple", {R"({"productkey":"pk","devicename":"dn","devicesecret":"ds2"})"});
-    }
-    return true;
-  };
-  const auto appear = [this] { (void)watchdog().name_owner_changed("iot.dmp.configmanager", "", ":1.9"); };
-  world.after_s(10, appear);
-  world.after_s(20, appear);
-  end_by_upgrade_after_ms(30'000);
-  (void)probe().run();
-  EXPECT_EQ(std::count(world.config_calls.begin(), world.config_calls.end(), "set gw_system_productkey=pk"), 1);
+  apply_while_another_arrives(R"({"productkey":"pk","devicename":"dn","devicesecret":"ds2"})");
+  EXPECT_EQ(count_calls("set gw_system_productkey=pk"), 1);
   EXPECT_TRUE(nothing_pending());
 }
 
@@ -271,18 +280,7 @@ TEST_F(Identity, ThatTheServiceRefusesOrSitsOutIsNotKept) {
 }
 
 TEST_F(Identity, ThatArrivesWhileOneIsWrittenIsAppliedToo) {
-  make("[]", {"pk", "dn", "ds"});
-  world.on_config_call = [this](const std::string& call) {
-    if (call == "set gw_system_devicename=dn") {
-      (void)quorvaned().call("set_gateway_triple", {R"({"productkey":"pk2","devicename":"dn2","devicesecret":"ds2"})"});
-    }
-    return true;
-  };
-  const auto appear = [this] { (void)watchdog().name_owner_changed("iot.dmp.configmanager", "", ":1.9"); };
-  world.after_s(10, appear);
-  world.after_s(20, appear);
-  end_by_upgrade_after_ms(30'000);
-  (void)probe().run();
+  apply_while_another_arrives(R"({"productkey":"pk2","devicename":"dn2","devicesecret":"ds2"})");
   EXPECT_EQ(world.config["gw_system_productkey"], "pk2");
   EXPECT_EQ(world.config["gw_system_devicesecret"], "ds2");
   EXPECT_TRUE(nothing_pending());
