@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <ctime>
 
 #include "paths.h"
@@ -22,24 +23,38 @@ int open_log(int flags) noexcept {
   return ::open(Paths::startup_log, flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, log_mode);
 }
 
+// Whether the last wait for the lock was not in vain.
+std::atomic<bool> is_worth_waiting{true};
+
 // One writer at a time, or two that look at the size together both write beyond the limit, or empty the file one after
 // the other. Waited for in steps and not for ever: the holder may have been stopped, or be what a fault has interrupted
-// on this very thread. Without the lock a line is still one write.
+// on this very thread; one that has been waited for in vain is not waited for again. Without the lock a line is still
+// one write.
 void lock_log(int fd) noexcept {
   constexpr int32_t attempts = 1000;  // at least 0.1 s: on a busy machine the holder waits for its turn
   constexpr timespec pause{0, 100'000};
-  for (int32_t attempt = 0; attempt < attempts && ::flock(fd, LOCK_EX | LOCK_NB) != 0; ++attempt) {
+  int32_t left = is_worth_waiting ? attempts : 1;
+  while (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    if (--left == 0) {
+      is_worth_waiting = false;
+      return;
+    }
     (void)::nanosleep(&pause, nullptr);
   }
+  is_worth_waiting = true;
 }
 
 // Not by closing: a child that was forked meanwhile has the descriptor too.
 void unlock_log(int fd) noexcept { (void)::flock(fd, LOCK_UN); }
 
-// What a full disk takes of a line only in part is taken back: the next line would go on where that ends.
-void write_whole(int fd, std::string_view line, off_t size_before) noexcept {
+// What a full disk takes of a line only in part is taken back, since the next line would go on where that ends: but
+// nothing that somebody without the lock has added since.
+void write_whole(int fd, std::string_view line) noexcept {
   const ssize_t written = ::write(fd, line.data(), line.size());
-  if (written > 0 && static_cast<size_t>(written) < line.size()) (void)!::ftruncate(fd, size_before);
+  if (written <= 0 || static_cast<size_t>(written) == line.size()) return;
+  const off_t end = ::lseek(fd, 0, SEEK_CUR);
+  struct stat status {};
+  if (::fstat(fd, &status) == 0 && status.st_size == end) (void)!::ftruncate(fd, end - written);
 }
 
 }  // namespace
@@ -60,8 +75,8 @@ void append_startup_log(std::string_view line) noexcept {
   struct stat status {};
   if (::fstat(fd, &status) == 0) {
     if ((status.st_mode & mode_bits & ~log_mode) != 0) (void)::fchmod(fd, status.st_mode & log_mode);  // not ours
-    if (status.st_size > size_limit && ::ftruncate(fd, 0) == 0) status.st_size = 0;  // else it grows on
-    write_whole(fd, line, status.st_size);
+    if (status.st_size > size_limit) (void)!::ftruncate(fd, 0);  // else it grows on
+    write_whole(fd, line);
   }
   unlock_log(fd);
   (void)::close(fd);

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -166,6 +167,25 @@ TEST_F(StartupLogFile, ThatSomebodyKeepsLockedTakesTheLineAllTheSame) {
   append_startup_log("two\n");
   EXPECT_EQ(content(), "one\ntwo\n");
   (void)::close(holder);
+}
+
+TEST_F(StartupLogFile, ThatSomebodyKeepsLockedIsWaitedForOnce) {
+  append_startup_log("one\n");
+  const int holder = ::open(Paths::startup_log, O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(::flock(holder, LOCK_EX), 0);
+  append_startup_log("two\n");
+  constexpr int lines = 1000;
+  const auto begin = std::chrono::steady_clock::now();
+  for (int line = 0; line < lines; ++line) append_startup_log("more\n");
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(100) * lines / 4);
+  (void)::close(holder);
+  append_startup_log("last\n");  // a lock that can be had is waited for again
+  const int other = ::open(Paths::startup_log, O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(::flock(other, LOCK_EX), 0);
+  const auto wait = std::chrono::steady_clock::now();
+  append_startup_log("after\n");
+  EXPECT_GE(std::chrono::steady_clock::now() - wait, std::chrono::milliseconds(100));
+  (void)::close(other);
 }
 
 }  // namespace
