@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "platform/dbus_message.h"
+#include "platform/gateway_bus.h"
 #include "platform/text.h"
 #include "platform/time.h"
 
@@ -15,7 +16,6 @@ constexpr size_t most_waiting_lines = 1024;
 constexpr int64_t idle_ms = 60LL * 60 * 1000;
 constexpr int64_t retry_ms = 5000;
 
-const char* const bus_address = "unix:path=/tmp/var/run/mbusd/mbusd_socket";
 const char* const service_name = "iot.gateway.logger";
 const char* const service_path = "/iot/gateway/logger";
 
@@ -94,7 +94,8 @@ bool LogWorker::connected() {
   const int64_t now_ms = CTime::getSystemStartupMilliSecond();
   if (now_ms < next_attempt_ms_) return false;
   if (channel_ == nullptr) {
-    channel_ = std::make_unique<CDBusChannel>(bus_address, std::string(), service_path, std::vector<std::string>());
+    channel_ =
+        std::make_unique<CDBusChannel>(gateway_bus_address, std::string(), service_path, std::vector<std::string>());
   }
   up_ = channel_->start();
   next_attempt_ms_ = CTime::getSystemStartupMilliSecond() + retry_ms;
