@@ -9,8 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-// One argument of 1024 bytes for each kind of link, as the daemon reads them.
-enum { link_size = 1024, path_size = 300 };
+enum { link_size = 1024, entry_size = 270, path_size = 280 };
 
 static int is_program(const char* entry, const char* root, const char* name, const char* mount_namespace) {
   char path[path_size];
@@ -53,10 +52,11 @@ size_t bare_scan(const char* root, const char* name, const char* mount_namespace
   const struct dirent* entry;
   while ((entry = readdir(processes)) != NULL) {
     if (!isdigit((unsigned char)entry->d_name[0])) continue;
-    char path[path_size];
+    char path[entry_size];
     snprintf(path, sizeof path, "/proc/%s", entry->d_name);
     struct stat status;
-    if (stat(path, &status) != 0 || !S_ISDIR(status.st_mode) || !is_program(path, root, name, mount_namespace)) continue;
+    if (stat(path, &status) != 0 || !S_ISDIR(status.st_mode) || !is_program(path, root, name, mount_namespace))
+      continue;
     const int pid = read_pid(path);
     if (pid > 0 && found < room) pids[found++] = pid;
   }

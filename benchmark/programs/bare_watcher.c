@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
@@ -32,8 +33,8 @@ static void note(const char* what, int number) {
   struct timeval now;
   gettimeofday(&now, NULL);
   char line[256];
-  const int length =
-      snprintf(line, sizeof line, "%lld.%06ld %s %s%04d\n", (long long)now.tv_sec, (long)now.tv_usec, what, prefix, number);
+  const int length = snprintf(line, sizeof line, "%lld.%06ld %s %s%04d\n", (long long)now.tv_sec, (long)now.tv_usec,
+                              what, prefix, number);
   const int file = open(log_path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0640);
   if (file < 0 || write(file, line, (size_t)length) != length) give_up("the log cannot be written");
   close(file);

@@ -1,7 +1,7 @@
 // usage: scan_timer PAIRS NAME | scan_timer NAME
-// Looks for the processes of the program NAME below its own install root by the daemon's scan and by a bare loop, in turn
-// (A B, B A, A B, ...), and prints for each pair the nanoseconds of both and how many they found. With NAME alone: one
-// scan, whose pids it prints, as pidof does.
+// Looks for the processes of the program NAME below its own install root by the daemon's scan and by a bare loop, in
+// turn (A B, B A, A B, ...), and prints for each pair the nanoseconds of both and how many they found. With NAME alone:
+// one scan, whose pids it prints, as pidof does.
 #include <array>
 #include <chrono>
 #include <cstdio>

@@ -1,7 +1,7 @@
 // usage: start_timer PAIRS SERVICES DESCRIPTORS direct|asked IDLE_PROGRAM PROGRAM
-// With SERVICES idle services started and a limit of DESCRIPTORS open files, starts PROGRAM through the daemon's process
-// host and by a bare fork and exec, in turn (A B, B A, A B, ...). PROGRAM writes the moment of its first instructions to
-// its standard input. Prints for each pair the nanoseconds up to there.
+// With SERVICES idle services started and a limit of DESCRIPTORS open files, starts PROGRAM through the daemon's
+// process host and by a bare fork and exec, in turn (A B, B A, A B, ...). PROGRAM writes the moment of its first
+// instructions to its standard input. Prints for each pair the nanoseconds up to there.
 //   direct   on the thread that forks
 //   asked    on another one, which has to ask for it, as the daemon's controller and monitor do
 #include <sys/resource.h>
@@ -51,7 +51,7 @@ CSpawnPlan plan_of(const char* program) {
 }
 
 void start_ours(const char* program) {
-  if (CProcessHost::instance().spawn(plan_of(program), [](ProcessRef /*process*/) {}).pid < 1) give_up("no process");
+  if (CProcessHost::instance().spawn(plan_of(program), nullptr).pid < 1) give_up("no process");
 }
 
 void start_bare(const char* program) {
@@ -103,8 +103,10 @@ class Measurement {
     if (::read(moments_, &first, sizeof first) != sizeof first) give_up("the program said nothing");
     // The next one begins when all is quiet again.
     while (deaths_ == deaths_before) {
-      if (serving) serve(1);
-      else std::this_thread::sleep_for(std::chrono::microseconds(100));
+      if (serving)
+        serve(1);
+      else
+        std::this_thread::sleep_for(std::chrono::microseconds(100));
     }
     return ns_of(first) - begin;
   }

@@ -1,0 +1,194 @@
+"""Single parts of the daemon, linked into small programs beside the least that can do the same; and its executable."""
+
+import os
+import re
+import resource
+import shutil
+import signal
+import time
+
+from gateway import BUILD, LOG, RUN, Failed, program, run
+from registry import measurement
+from table import Row, Spread, at_most, ratios
+from turns import repetitions
+
+DAEMON = os.path.join(BUILD, "service", "quorvaned")
+
+
+def pairs(text):
+    """The two columns of a program's output, in seconds."""
+    lines = [line.split() for line in text.splitlines()]
+    if not lines:
+        raise Failed("nothing was measured")
+    return [int(line[0]) / 1e9 for line in lines], [int(line[1]) / 1e9 for line in lines]
+
+
+def compared(name, ours, floor, limit, scale=1e6, unit=" us", digits=0):
+    """The row of two times whose ratio has a limit; without a limit it only tells."""
+    ratio = ratios(ours, floor)
+    goal, met = at_most(limit, ratio.middle) if limit else ("", None)
+    return Row(name, Spread.of(ours).show(scale, unit, digits), Spread.of(floor).show(scale, unit, digits),
+               ratio.show(), goal, met)
+
+
+# --- the start of a process -----------------------------------------------------------------------------------------
+
+FEW_DESCRIPTORS = 1024
+
+
+def most_descriptors():
+    """The highest limit of open files that can be had here: the kernel's, where it is permitted."""
+    soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+    with open("/proc/sys/fs/nr_open", encoding="ascii") as file:
+        most = int(file.read())
+    try:
+        resource.setrlimit(resource.RLIMIT_NOFILE, (soft, most))
+    except ValueError:
+        return hard
+    return most
+
+
+def starts():
+    """What is measured: name to the number of services, the limit of open files, and on which thread."""
+    most = most_descriptors()
+    return {
+        "1 service": (1, FEW_DESCRIPTORS, "direct"),
+        f"1 service, {most:,} descriptors": (1, most, "direct"),
+        "100 services": (100, FEW_DESCRIPTORS, "direct"),
+        "2,000 services": (2000, FEW_DESCRIPTORS, "direct"),
+        "1 service, asked for by another thread": (1, FEW_DESCRIPTORS, "asked"),
+    }
+
+
+@measurement("process", "from the request to start a service to its first instructions",
+             "fork and exec in the same process")
+def process(quick):
+    """The process host beside a bare fork and exec, with few and many services and with any limit of open files."""
+    variants = starts()
+    ours = {name: [] for name in variants}
+    floor = {name: [] for name in variants}
+    for _ in repetitions(2, 2 if quick else 10, 60):
+        for name, (services, descriptors, how) in variants.items():
+            one, other = pairs(run([program("start_timer"), "40" if quick else "100", str(services), str(descriptors),
+                                    how, program("idle_service"), program("report_start")], 60))
+            ours[name] += one
+            floor[name] += other
+    for name in variants:
+        yield compared(f"start of a process, {name}", ours[name], floor[name], 1.2)
+
+
+# --- the scan of /proc ----------------------------------------------------------------------------------------------
+
+SCANNED = 2000
+SCAN_ROOT = "/tmp/scan"
+WANTED = "wanted-program"
+
+
+class Crowd:
+    """Use as a context: so many idle processes of one installation, one of them of the program that is looked for."""
+
+    def __init__(self, count):
+        self.count = count
+        self.pids = []
+
+    def __enter__(self):
+        shutil.rmtree(SCAN_ROOT, ignore_errors=True)
+        os.makedirs(SCAN_ROOT + "/bin")
+        for name, of in (("idle", "idle_service"), (WANTED, "idle_service"), ("scan_timer", "scan_timer")):
+            shutil.copy(program(of), f"{SCAN_ROOT}/bin/{name}")
+        for number in range(self.count):
+            path = f"{SCAN_ROOT}/bin/{WANTED if number == self.count // 2 else 'idle'}"
+            self.pids.append(os.posix_spawn(path, [path], os.environ))
+        time.sleep(0.5)  # the last ones have become what they are to be
+        return self
+
+    def __exit__(self, *_):
+        for pid in self.pids:
+            os.kill(pid, signal.SIGKILL)
+        for pid in self.pids:
+            os.waitpid(pid, 0)
+
+
+def commands(count, ours, theirs):
+    """Seconds of both commands, each from start to end, in turn."""
+    text = run([program("command_timer"), str(count), *ours, "--", *theirs], 120)
+    for line in text.splitlines():
+        if line.split()[2:] != ["0", "0"]:
+            raise Failed(f"{ours[0]} or {theirs[0]} has found nothing")
+    return pairs(text)
+
+
+@measurement("scan", "the look through /proc for a program, with 2,000 processes of the installation",
+             "a loop in C that makes the same calls; and the whole of pgrep and pidof beside a command that scans")
+def scan(quick):
+    """In one process against the bare loop; and as a command against the general tools."""
+    with Crowd(SCANNED):
+        ours = f"{SCAN_ROOT}/bin/scan_timer"
+        text = run([ours, "30" if quick else "200", WANTED], 120)
+        if any(line.split()[2:] != ["1", "1"] for line in text.splitlines()):
+            raise Failed("a scan did not find the one process")
+        yield compared(f"/proc scan, {SCANNED:,} processes", *pairs(text), 1.2, 1e3, " ms", 2)
+        for tool in (["/usr/bin/pgrep", "-x", WANTED], ["/usr/bin/pidof", WANTED]):
+            one, other = commands(5 if quick else 30, [ours, WANTED], tool)
+            yield compared(f"  as a command, beside {os.path.basename(tool[0])}", one, other, 1.0, 1e3, " ms", 1)
+
+
+# --- the start-up log -----------------------------------------------------------------------------------------------
+
+THREADS = 5
+LINE = re.compile(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} \[pid=\d+\] \[line_timer\.cpp\|\d+\] "
+                  r"run thread-(\d)-line-(\d{6}) pid \d+")
+
+
+@measurement("line", "one line of the start-up log", "open, fstat, write and close")
+def line(quick):
+    """One thread, then five at once, whose lines are looked at one by one."""
+    os.makedirs(os.path.dirname(LOG), exist_ok=True)
+    timer = [program("line_timer")]
+    text = run([*timer, "40" if quick else "300", "500", "1", RUN + "/startup/bare.log"], 120)
+    yield compared("line of the start-up log", *pairs(text), 1.3, 1e6, " us", 2)
+    each = 400
+    text = run([*timer, "20" if quick else "100", str(each), str(THREADS), RUN + "/startup/bare.log"], 300)
+    look_at_lines(each)
+    yield compared(f"  {THREADS} threads at once, none torn", *pairs(text), None, 1e6, " us", 1)
+
+
+def look_at_lines(each):
+    """Every line of the last round is there, once, and whole."""
+    with open(LOG, encoding="utf-8", newline="\n") as file:
+        lines = file.read().split("\n")
+    told = set()
+    for text in lines[:-1]:
+        found = LINE.fullmatch(text)
+        if not found:
+            raise Failed(f"a torn line in the log: {text!r}")
+        told.add(found.groups())
+    if lines[-1] or len(told) != len(lines) - 1 or len(told) != THREADS * each:
+        raise Failed(f"{len(told)} of {THREADS * each} lines are in the log, and {len(lines) - 1} in all")
+
+
+# --- the executable -------------------------------------------------------------------------------------------------
+
+MOST_KIB = 600
+
+
+def libraries(path):
+    """The shared libraries that a program names."""
+    return set(re.findall(r"\(NEEDED\).*\[(.*)\]", run(["readelf", "--dynamic", "--wide", path], 10)))
+
+
+@measurement("executable", "the executable's size, and its start to an end with a wrong argument",
+             "a program that does nothing, linked to the same libraries")
+def executable(quick):
+    """Stripped as it may be installed; and the shortest of its commands."""
+    stripped = "/tmp/quorvaned-stripped"
+    run(["strip", "-o", stripped, DAEMON], 10)
+    size = os.path.getsize(stripped) / 1024
+    yield Row("executable, stripped", f"{size:.0f} KiB", f"{os.path.getsize(program('bare_true')) / 1024:.0f} KiB", "",
+              *at_most(MOST_KIB, size, " KiB"))
+    if libraries(DAEMON) != libraries(program("bare_true")):
+        raise Failed(f"other libraries: {sorted(libraries(DAEMON) ^ libraries(program('bare_true')))}")
+    text = run([program("command_timer"), "100" if quick else "1000", DAEMON, "x", "--", program("bare_true")], 120)
+    if any(words.split()[2:] != ["255", "0"] for words in text.splitlines()):
+        raise Failed("a command has ended otherwise than it should")
+    yield compared("command with a wrong argument", *pairs(text), 1.3, 1e3, " ms", 2)
