@@ -7,6 +7,7 @@ import sys
 import time
 
 from harness import processes, staging
+from harness.gateway import Service
 
 ROWS = {}
 
@@ -78,6 +79,11 @@ class Run:
         if not self._quiet and time.monotonic() - self._told >= 10:
             self._told = time.monotonic()
             print(f"    {done:,} of {self.amount:,} {text}", file=sys.stderr, flush=True)
+
+
+def sleepers(count):
+    """That many supervised services that do nothing but live: s0, s1, ..."""
+    return [Service(f"s{number}", monitor=1, program="exec sleep infinity") for number in range(count)]
 
 
 def none(what, count, of):

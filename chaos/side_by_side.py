@@ -26,6 +26,30 @@ def side_by_side(run, count, body, limit):
     return answers
 
 
+def shared_out(run, worker, counts, limits):
+    """Share the row's amount out among gateways side by side: counts and limits are how many, and for how many seconds
+    at most, in the short form and in the long one. Each calls worker(gateway, chance).work(number, share); give what
+    they return, and how much is done in all."""
+    count = counts[run.is_long]
+    share = -(-run.amount // count)
+    answers = side_by_side(run, count, lambda gateway, chance, number: worker(gateway, chance).work(number, share),
+                           limits[run.is_long])
+    return answers, share * count
+
+
+def told(answers):
+    """The faults among the answers; the first of them are shown."""
+    faults = [fault for answer in answers for fault in answer["faults"]]
+    for fault in faults[:6]:
+        print("    " + fault, flush=True)
+    return faults
+
+
+def by_kind(faults, kinds):
+    """How many faults there are of each kind, which is what a fault begins with."""
+    return {kind: sum(fault.startswith(kind) for fault in faults) for kind in kinds}
+
+
 def _begin(home, seed, number, body, limit):
     """Start one; give where its answer comes from."""
     read_end, write_end = os.pipe()

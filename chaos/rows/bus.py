@@ -7,15 +7,12 @@ import time
 from harness import clock, processes
 from harness.gateway import UP, Service
 from pages import Pages, came, pause
-from row import at_least, at_most, none, row
-from side_by_side import side_by_side
+from row import at_least, at_most, none, row, sleepers
+from side_by_side import shared_out
 
 CONNECTED = "watchdog success to connect dbus daemon"
-CATALOGUE = [Service(f"s{number}", monitor=1, program="exec sleep infinity") for number in range(4)] \
-    + [Service("named", bus="iot.test.named", monitor=1), Service("slow", delay=0.3, monitor=1,
-                                                                  program="exec sleep infinity")]
-# All the attempts that one cycle makes to reach its bus, half a second apart.
-ATTEMPTS = 15.5
+CATALOGUE = [*sleepers(4), Service("named", bus="iot.test.named", monitor=1),
+             Service("slow", delay=0.3, monitor=1, program="exec sleep infinity")]
 
 
 @row("bus-killed", "the bus daemon killed",
@@ -78,6 +75,10 @@ def is_back(gateway, teardowns):
     return text.count(down) >= teardowns and text.rfind(UP.encode()) > text.rfind(down)
 
 
+# All the attempts that one cycle makes to reach its bus, half a second apart.
+ATTEMPTS = 15.5
+
+
 def beyond(gateway, killed, connected):
     """Seconds from the kill to the last line of the start, less what the catalogue and the attempts took."""
     events = gateway.log.events()
@@ -94,10 +95,7 @@ def beyond(gateway, killed, connected):
      "SIGTERM. Side by side", short=6, long=300, seconds=(120, 1400))
 def bus_hung(run):
     """Nothing waits for it longer than it must."""
-    count = 20 if run.is_long else 6
-    share = -(-run.amount // count)
-    answers = side_by_side(run, count, lambda gateway, chance, number: Hangs(gateway, chance).all(number, share),
-                           1300 if run.is_long else 100)
+    answers, _ = shared_out(run, Hangs, counts=(6, 20), limits=(100, 1300))
     tries, ends, states, wrong, back = ([value for answer in answers for value in answer[place]] for place in range(5))
     slack = 0 if run.is_long else clock.stretched(2)
     held_up = sum(one > 1 for one in tries)
@@ -122,7 +120,7 @@ class Hangs:
         gateway.prepare_run_directory()
         gateway.catalogue(*CATALOGUE)
 
-    def all(self, number, times):
+    def work(self, number, times):
         """That many; give the times and what was wrong."""
         for turn in range(times):
             self.one(self.PHASES[(number + turn) % len(self.PHASES)])

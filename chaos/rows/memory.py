@@ -10,8 +10,8 @@ from harness import processes
 from harness.bus import DAEMON, Bus
 from harness.gateway import UP, Service
 from pages import came
-from row import Run, at_least, none, row
-from side_by_side import side_by_side
+from row import Run, at_least, none, row, sleepers
+from side_by_side import shared_out, told
 
 from .ends import ONLY_ONE, SPARED, strangers
 
@@ -56,17 +56,12 @@ class Page:
 
 @row("memory", "allocation fails",
      "the n-th allocation and up to four more of the daemon are refused: in the start, and while it is asked for its "
-     "report, fed, given identities good and bad, restarted, looked at, told of names and of deaths; gateways side by side",
-     short=24, long=4000, seconds=(150, 1300))
+     "report, fed, given identities good and bad, restarted, looked at, told of names and of deaths; gateways side by "
+     "side", short=24, long=4000, seconds=(150, 1300))
 def memory(run):
     """The daemon goes on as if nothing had been, or ends and takes everything along."""
-    count = 10 if run.is_long else 4
-    share = -(-run.amount // count)
-    answers = side_by_side(run, count, lambda gateway, chance, _: Refusals(gateway, chance).run(share),
-                           1200 if run.is_long else 140)
-    faults = [fault for answer in answers for fault in answer["faults"]]
-    for fault in faults[:6]:
-        print("    " + fault, flush=True)
+    answers, _ = shared_out(run, Refusals, counts=(4, 10), limits=(140, 1200))
+    faults = told(answers)
     total = {key: sum(answer[key] for answer in answers) for key in ("tries", "refused", "ended")}
     return [at_least("tries in which an allocation was refused", total["refused"], run.amount // 2),
             none(f"tries after which it hung, or something was left or lost ({total['ended']} ended it in order)",
@@ -82,18 +77,17 @@ class Refusals:
         self.tries = self.refused = self.ended = 0
         self.faults = []
         self.daemon = None
-        gateway.catalogue(*[Service(f"s{number}", monitor=1, program="exec sleep infinity") for number in range(SERVICES)],
-                          *[Service(name, program=ONLY_ONE) for name in SPARED],
+        gateway.catalogue(*sleepers(SERVICES), *[Service(name, program=ONLY_ONE) for name in SPARED],
                           Service("named", bus="iot.test.named", monitor=1))
 
-    def run(self, share):
+    def work(self, _, share):
         """So many tries."""
         while self.tries < share:
             if self.daemon is None:
                 self.start()
                 continue
-            deed = self.chance.choice([self.report, self.feed, self.bad_triple, self.good_triple, self.reboot, self.look,
-                                       self.names, self.death])
+            deed = self.chance.choice([self.report, self.feed, self.bad_triple, self.good_triple, self.reboot,
+                                       self.look, self.names, self.death])
             self.attempt(deed.__name__, self.page.count() + self.chance.randint(1, 60), deed)
         return {"tries": self.tries, "refused": self.refused, "ended": self.ended, "faults": self.faults}
 
@@ -130,7 +124,8 @@ class Refusals:
 
     def judge(self, what):
         """It is well again, or gone with all that belongs to it."""
-        if came(lambda: self.daemon.status is not None or self.is_well(), HEALTHY_WITHIN) and self.daemon.status is None:
+        decided = came(lambda: self.daemon.status is not None or self.is_well(), HEALTHY_WITHIN)
+        if decided and self.daemon.status is None:
             return
         if self.daemon.status is None and not came(lambda: self.daemon.status is not None, END_WITHIN):
             self.faults.append(f"{what}: it is neither well nor gone: {self.gateway.log.texts()[-6:]}")

@@ -7,8 +7,8 @@ import signal
 from harness import processes
 from harness.gateway import PID_FILE, STARTUP, UP, Service
 from pages import came
-from row import at_least, none, row
-from side_by_side import side_by_side
+from row import at_least, none, row, sleepers
+from side_by_side import by_kind, shared_out, told
 
 VICTIM_FILE, VICTIM_DIRECTORY = "/tmp/victim/file", "/tmp/victim/directory"
 SOMEBODY = 1234
@@ -20,23 +20,18 @@ LOG = STARTUP + "/quorvaned.log"
 @row("operators", "operators in parallel, planted links",
      "two starts, a start and a stop, a start over a running daemon, two stops, each at the same moment and with "
      "status commands among them; links and foreign directories planted on the way to the bus and in the place of the "
-     "log; bystanders of the same names outside of the installation. Side by side", short=12, long=500, seconds=(150, 1400))
+     "log; bystanders of the same names outside of the installation. Side by side", short=12, long=500,
+     seconds=(150, 1400))
 def operators(run):
     """There is one daemon in the end, nothing is written elsewhere, and nobody else is signalled."""
-    count = 25 if run.is_long else 6
-    share = -(-run.amount // count)
-    answers = side_by_side(run, count, lambda gateway, chance, number: Operators(gateway, chance).work(number, share),
-                           1300 if run.is_long else 120)
-    faults = [fault for answer in answers for fault in answer["faults"]]
-    for fault in faults[:5]:
-        print("    " + fault, flush=True)
-    kinds = {kind: sum(fault.startswith(kind) for fault in faults) for kind in ("count", "status", "write")}
-    return [at_least("rounds", share * count, run.amount),
-            none("rounds with another number of daemons in the end", kinds["count"], share * count),
+    answers, done = shared_out(run, Operators, counts=(6, 25), limits=(120, 1300))
+    kinds = by_kind(told(answers), ("count", "status", "write"))
+    return [at_least("rounds", done, run.amount),
+            none("rounds with another number of daemons in the end", kinds["count"], done),
             none("commands with a wrong exit status", kinds["status"], sum(answer["commands"] for answer in answers)),
             none("writes through a link or into a foreign directory", kinds["write"],
                  sum(answer["plants"] for answer in answers)),
-            none("signals to bystanders", sum(answer["signals"] for answer in answers), len(BYSTANDERS) * count)]
+            none("signals to bystanders", sum(answer["signals"] for answer in answers), len(BYSTANDERS) * len(answers))]
 
 
 class Operators:
@@ -49,8 +44,7 @@ class Operators:
         self.faults = []
         self.commands = self.plants = 0
         gateway.prepare_run_directory()
-        gateway.catalogue(Service("s0", monitor=1, program="exec sleep infinity"), Service("s1", monitor=1),
-                          Service("named", bus="iot.test.named", monitor=1))
+        gateway.catalogue(*sleepers(1), Service("s1", monitor=1), Service("named", bus="iot.test.named", monitor=1))
         self.elsewhere = gateway.root + ".elsewhere"
         os.makedirs(self.elsewhere + "/probe")
         self.bystanders = []

@@ -8,8 +8,8 @@ import time
 from harness import clock, processes
 from harness.gateway import UP, Service
 from pages import Pages, came, pause
-from row import at_least, at_most, none, row
-from side_by_side import side_by_side
+from row import at_least, at_most, none, row, sleepers
+from side_by_side import by_kind, shared_out, told
 
 from .ends import ONLY_ONE, SPARED, strangers
 
@@ -30,16 +30,9 @@ PHASES = {"key-chain tool": 0.1, "start": 0.9, "up": 0.3, "reboot": 1.8, "upgrad
      short=12, long=5000, seconds=(120, 1400))
 def signals_any_moment(run):
     """Every signal gets its line, and the daemon ends as it should and takes everything along."""
-    count = 40 if run.is_long else 6
-    share = -(-run.amount // count)
-    answers = side_by_side(run, count, lambda gateway, chance, _: Shots(gateway, chance).fire(share),
-                           1380 if run.is_long else 100)
-    faults = [fault for answer in answers for fault in answer["faults"]]
-    done = share * count
+    answers, done = shared_out(run, Shots, counts=(6, 40), limits=(100, 1380))
     waits = [wait for answer in answers for wait in answer["waits"]]
-    kinds = {kind: sum(fault.startswith(kind) for fault in faults) for kind in ("line", "status", "image", "left")}
-    for fault in faults[:5]:
-        print("    " + fault, flush=True)
+    kinds = by_kind(told(answers), ("line", "status", "image", "left"))
     return [at_least("runs", done, run.amount),
             none("signals without their line", kinds["line"], sum(answer["signals"] for answer in answers)),
             none("ends with another status", kinds["status"], done),
@@ -47,7 +40,8 @@ def signals_any_moment(run):
             none("ends that left something but the spared", kinds["left"], done),
             at_least("forced exits", len(waits), 1),
             at_most("shortest forced exit below 5 s by", max([0.0] + [5.0 - wait for wait in waits]), 0, "s"),
-            at_most("longest forced exit", max(waits, default=0.0), 5.3 if run.is_long else 5 + clock.stretched(1.5), "s")]
+            at_most("longest forced exit", max(waits, default=0.0),
+                    5.3 if run.is_long else 5 + clock.stretched(1.5), "s")]
 
 
 class Shots:
@@ -60,11 +54,10 @@ class Shots:
         self.signals = self.images = 0
         gateway.prepare_run_directory()
         gateway.script("deploy_sst", KEY_CHAIN)
-        gateway.catalogue(*[Service(f"s{number}", monitor=1, program="exec sleep infinity") for number in range(4)],
-                          *[Service(name, program=ONLY_ONE) for name in SPARED],
+        gateway.catalogue(*sleepers(4), *[Service(name, program=ONLY_ONE) for name in SPARED],
                           Service("named", bus="iot.test.named", monitor=1))
 
-    def fire(self, times):
+    def work(self, _, times):
         """That many runs; give what came of them. Not in step with the others, which begin at the same time."""
         pause(self.chance.uniform(0, 2))
         for _ in range(times):
