@@ -239,8 +239,8 @@ BROKEN = {"empty": b"", "half-written": HALF, "no-program": b"\x7fELF nothing",
           "script-that-fails": b"#!/bin/sh\nexit 3\n", "crash": b"#!/bin/sh\nkill -SEGV $$\n"}
 
 
-def require_rolled_back(gateway, daemon, before, image):
-    """The old files are back, and another supervisor process runs with them."""
+def require_rolled_back(gateway, daemon, before):
+    """The old files are back, and another supervisor process runs with them; give that."""
     assert daemon.wait(10) is not None
     assert tree(gateway) == before
     require_no_traces(gateway)
@@ -248,21 +248,27 @@ def require_rolled_back(gateway, daemon, before, image):
     new = processes.lock_owner(STARTUP + "/quorvaned.pid")
     assert new not in (0, daemon.pid)
     gateway.log.wait_for(UP, 20, pid=new)
-    assert image_of(new) == image
+    assert image_of(new) == before["bin/quorvaned"][0]
     require_one_of_each(gateway)
     return new
+
+
+def require_roll_back(gateway, daemon, files, reason, within=40, prepare=None):
+    """An update to these files is rolled back for that reason; give the supervisor process that runs then."""
+    before = tree(gateway)
+    hand_over(files, prepare=prepare)
+    assert wait_for_end(within) == "rolled-back " + reason
+    return require_rolled_back(gateway, daemon, before)
 
 
 @pytest.mark.takes(16)
 @pytest.mark.parametrize("content", BROKEN.values(), ids=BROKEN)
 def test_a_broken_new_supervisor_is_rolled_back_and_the_old_one_started(installed, content):
     daemon = run_up(installed)
-    before = tree(installed)
     fota = installed.pid_of("fota")
-    image = read(installed.program)
-    hand_over({"bin/quorvaned": image[:65536] if content is HALF else content, "config/site": b"new\n"})
-    assert wait_for_end() == "rolled-back the supervisor has ended"
-    new = require_rolled_back(installed, daemon, before, image)
+    broken = read(installed.program)[:65536] if content is HALF else content
+    new = require_roll_back(installed, daemon, {"bin/quorvaned": broken, "config/site": b"new\n"},
+                            "the supervisor has ended")
     assert processes_of("fota") == [fota]
     # It runs on its own: in its own session, as nobody's child, with nobody's terminal.
     assert os.getsid(new) != os.getsid(fota)
@@ -278,21 +284,15 @@ def test_a_broken_new_supervisor_is_rolled_back_and_the_old_one_started(installe
 @pytest.mark.takes(14)
 def test_a_supervisor_that_may_not_be_executed_is_rolled_back(installed):
     daemon = run_up(installed)
-    before = tree(installed)
-    image = read(installed.program)
-    hand_over({"bin/quorvaned": other_build(installed)},
-              prepare=lambda fresh: os.chmod(fresh + "/bin/quorvaned", 0o644))
-    assert wait_for_end() == "rolled-back the supervisor has ended"
-    require_rolled_back(installed, daemon, before, image)
+    require_roll_back(installed, daemon, {"bin/quorvaned": other_build(installed)}, "the supervisor has ended",
+                      prepare=lambda fresh: os.chmod(fresh + "/bin/quorvaned", 0o644))
 
 
 @pytest.mark.takes(14)
 def test_a_catalogue_that_the_supervisor_does_not_start_with_is_rolled_back(installed):
     daemon = run_up(installed)
-    before = tree(installed)
-    hand_over({"config/services.json": b"[", "bin/more": b"more\n", "lib/deep/er/data": b"data\n"})
-    assert wait_for_end() == "rolled-back the supervisor has ended"
-    require_rolled_back(installed, daemon, before, read(installed.program))
+    files = {"config/services.json": b"[", "bin/more": b"more\n", "lib/deep/er/data": b"data\n"}
+    require_roll_back(installed, daemon, files, "the supervisor has ended")
     assert not os.path.exists(installed.path("lib/deep"))
 
 
@@ -300,24 +300,19 @@ def test_a_catalogue_that_the_supervisor_does_not_start_with_is_rolled_back(inst
 @pytest.mark.limit(180)
 def test_a_supervisor_that_neither_ends_nor_answers_is_killed_and_rolled_back(installed):
     daemon = run_up(installed)
-    before = tree(installed)
-    image = read(installed.program)
-    hand_over({"bin/quorvaned": b"#!/bin/sh\ntrap '' TERM\nwhile :; do sleep 1000; done\n"})
-    assert wait_for_end(110) == "rolled-back the supervisor does not answer"
+    require_roll_back(installed, daemon, {"bin/quorvaned": b"#!/bin/sh\ntrap '' TERM\nwhile :; do sleep 1000; done\n"},
+                      "the supervisor does not answer", within=110)
     assert daemon.status == -signal.SIGKILL
-    require_rolled_back(installed, daemon, before, image)
 
 
 @pytest.mark.takes(55)
 @pytest.mark.limit(150)
 def test_a_supervisor_that_hears_the_request_too_late_is_started_anew(installed):
     daemon = run_up(installed)
-    before = tree(installed)
     daemon.signal(signal.SIGSTOP)
-    hand_over({"bin/quorvaned": other_build(installed)})
-    assert wait_for_end(80) == "rolled-back the services were not stopped in time"
+    require_roll_back(installed, daemon, {"bin/quorvaned": other_build(installed)},
+                      "the services were not stopped in time", within=80)
     assert daemon.status == -signal.SIGKILL
-    require_rolled_back(installed, daemon, before, read(installed.program))
 
 
 # Updates that are refused
@@ -540,65 +535,65 @@ def new_files(gateway):
     return {"bin/quorvaned": other_build(gateway), "lib/more/data": b"new data\n"}
 
 
+def next_agent(gateway, daemon):
+    """Another agent comes; the supervisor has been waiting, and stays the same."""
+    start_agent(gateway)
+    return daemon
+
+
+def next_image(_, daemon):
+    """The supervisor is told to go on, and its new image starts another agent."""
+    daemon.signal(signal.SIGUSR2)
+    return daemon
+
+
+def power_cut(gateway, daemon):
+    """All goes, and the supervisor is started again."""
+    daemon.signal(signal.SIGKILL)
+    daemon.wait(10)
+    return gateway.start()
+
+
+def require_ended(gateway, phase, follow, end):
+    """An agent dies when it has come to this phase, and this follows: the update ends like that, the installation is
+    whole, and the supervisor runs what is installed."""
+    daemon = run_up(gateway)
+    before = tree(gateway)
+    files = new_files(gateway)
+    die_while_stopping(gateway, daemon, files)
+    swap(gateway, {"staged": [], "swapping": ["bin/quorvaned"]}.get(phase, files), phase)
+    daemon = follow(gateway, daemon)
+    assert wait_for_end() == end
+    assert require_whole(gateway, before, files) == ("new" if end == "done" else "old")
+    assert daemon.alive()
+    assert image_of(daemon.pid) == read(gateway.program)
+    require_one_of_each(gateway)
+
+
 @pytest.mark.takes(30)
 def test_an_agent_that_died_before_the_first_file_was_replaced_is_followed_by_one_that_clears_up(installed):
-    daemon = run_up(installed)
-    before = tree(installed)
-    die_while_stopping(installed, daemon, new_files(installed))
-    start_agent(installed)
-    assert wait_for_end() == "refused it was interrupted"
-    assert tree(installed) == before
-    require_no_traces(installed)
-    # The supervisor has been waiting, and is the same.
-    assert daemon.alive()
-    require_one_of_each(installed)
+    require_ended(installed, "staged", next_agent, "refused it was interrupted")
 
 
 @pytest.mark.takes(30)
 def test_an_agent_that_died_in_the_middle_of_the_swap_is_followed_by_one_that_undoes_it(installed):
-    daemon = run_up(installed)
-    before = tree(installed)
-    die_while_stopping(installed, daemon, new_files(installed))
-    swap(installed, ["bin/quorvaned"], "swapping")
-    start_agent(installed)
-    assert wait_for_end() == "rolled-back it was interrupted"
-    assert tree(installed) == before
-    require_no_traces(installed)
-    assert daemon.alive()
-    require_one_of_each(installed)
+    require_ended(installed, "swapping", next_agent, "rolled-back it was interrupted")
 
 
 @pytest.mark.takes(30)
 def test_an_agent_that_died_right_after_the_swap_is_followed_by_one_that_goes_on(installed):
-    daemon = run_up(installed)
-    files = new_files(installed)
-    die_while_stopping(installed, daemon, files)
-    swap(installed, files, "swapped")
-    start_agent(installed)
-    assert wait_for_end() == "done"
-    assert image_of(daemon.pid) == files["bin/quorvaned"]
-    require_no_traces(installed)
-    require_one_of_each(installed)
+    require_ended(installed, "swapped", next_agent, "done")
 
 
 @pytest.mark.takes(25)
 def test_an_agent_that_died_while_the_supervisor_restarted_is_followed_by_the_one_that_it_starts(installed):
-    daemon = run_up(installed)
-    files = new_files(installed)
-    die_while_stopping(installed, daemon, files)
-    swap(installed, files, "swapped")
-    daemon.signal(signal.SIGUSR2)
-    assert wait_for_end() == "done"
-    assert image_of(daemon.pid) == files["bin/quorvaned"]
-    require_no_traces(installed)
-    require_one_of_each(installed)
+    require_ended(installed, "swapped", next_image, "done")
 
 
 @pytest.mark.takes(25)
 def test_an_agent_that_finds_the_supervisor_ended_puts_the_old_one_back_and_starts_it(installed):
     daemon = run_up(installed)
     before = tree(installed)
-    image = read(installed.program)
     files = {"bin/quorvaned": b"", "lib/more/data": b"new data\n"}
     die_while_stopping(installed, daemon, files)
     swap(installed, files, "swapped")
@@ -606,26 +601,14 @@ def test_an_agent_that_finds_the_supervisor_ended_puts_the_old_one_back_and_star
     assert daemon.wait(10) == 0
     start_agent(installed)
     assert wait_for_end() == "rolled-back the supervisor has ended"
-    require_rolled_back(installed, daemon, before, image)
+    require_rolled_back(installed, daemon, before)
 
 
 @pytest.mark.takes(30)
 @pytest.mark.parametrize("phase, end", [("swapping", "rolled-back it was interrupted"), ("swapped", "done"),
                                         ("staged", "refused it was interrupted"), ("done", "done")])
 def test_after_a_power_cut_the_next_start_finds_the_update_and_ends_it(installed, phase, end):
-    daemon = run_up(installed)
-    before = tree(installed)
-    files = new_files(installed)
-    die_while_stopping(installed, daemon, files)
-    swap(installed, {"staged": [], "swapping": ["bin/quorvaned"]}.get(phase, files), phase)
-    daemon.signal(signal.SIGKILL)
-    daemon.wait(10)
-    daemon = installed.start()
-    assert wait_for_end() == end
-    assert require_whole(installed, before, files) == ("new" if end == "done" else "old")
-    assert daemon.alive()
-    assert image_of(daemon.pid) == read(installed.program)
-    require_one_of_each(installed)
+    require_ended(installed, phase, power_cut, end)
 
 
 def test_a_journal_that_means_nothing_is_set_aside(installed):

@@ -71,6 +71,31 @@ def wait_for_first_states():
         clock.until(lambda name=name: state(name), 15, lambda name=name: f"the state of {name}")
 
 
+def settled(gateway):
+    """Bring everything up, until each service has done its work; give the processes and a client of the bus."""
+    gateway.up()
+    wait_for_first_states()
+    return pids(gateway), gateway.bus()
+
+
+def wait_for_restart(gateway, name, within):
+    """Wait until the service has been started again, which is not before the grace is over; give the log's line."""
+    again = gateway.log.wait_for(f"run {name} pid %d", within, count=2)
+    assert again - gateway.log.find(f"run {name} pid %d")[0] >= GRACE
+    return again
+
+
+def wait_for_name(gateway, client, bus_name, within):
+    """Wait until the service's present process has its bus name."""
+    clock.until(lambda: service_of(client, bus_name) == gateway.pid_of(NAMED[bus_name]), within,
+                f"the name {bus_name} of the new process")
+
+
+def feed_of(bus_name):
+    """The keep-alive of that service."""
+    return (bus_name, *FEEDS[bus_name])
+
+
 def feeds(monitor):
     """The keep-alives that a monitor has shown: bus name, item, seconds."""
     found = re.findall(r'Member=feedDog\n.*\n  MESSAGE "ssi" \{\n +STRING "(.*)";\n +STRING "(.*)";\n +INT32 (-?\d+);',
@@ -127,7 +152,7 @@ def test_the_services_write_their_state_where_others_may_read_but_not_write(inst
 def test_the_named_services_feed_their_keepalive_well_before_each_deadline(installed):
     installed.up()
     monitor = watch_feeds()
-    shown = {name: (name, *FEEDS[name]) for name in FEEDS}
+    shown = {name: feed_of(name) for name in FEEDS}
     for name, feed in shown.items():
         # Twice within one deadline.
         clock.until(lambda feed=feed: feeds(monitor).count(feed) >= 2, feed[2], lambda: str(feeds(monitor)))
@@ -154,8 +179,8 @@ def test_the_device_registry_keeps_its_list_and_its_limit(installed):
 def test_ordinary_tools_work_on_the_services(installed):
     installed.up()
     busctl = ["/usr/bin/busctl", f"--address={ADDRESS}"]
-    for target, rows in ((DEVICES, {".add method s b -", ".remove method s b -", ".list method - as -", ".crash method - - -",
-                                 ".fall_silent method - - -"}),
+    for target, rows in ((DEVICES, {".add method s b -", ".remove method s b -", ".list method - as -",
+                                    ".crash method - - -", ".fall_silent method - - -"}),
                          (SENSORS, {".read method - d -", ".crash method - - -", ".fall_silent method - - -",
                                     ".reading signal d - -"})):
         shown = processes.run([*busctl, "introspect", "--no-legend", target[0], target[1], target[2]])
@@ -169,10 +194,7 @@ def test_ordinary_tools_work_on_the_services(installed):
 
 @pytest.mark.takes(9)
 def test_every_service_ends_with_status_0_when_it_is_told_to(installed):
-    installed.up()
-    wait_for_first_states()
-    running = pids(installed)
-    client = installed.bus()
+    running, client = settled(installed)
     for pid in running.values():
         os.kill(pid, signal.SIGTERM)
     for name, pid in running.items():
@@ -218,10 +240,9 @@ def test_a_name_is_given_back_when_its_shell_service_is_killed_in_the_middle_of_
 
 
 def test_a_shell_service_ends_when_nobody_holds_its_name(installed):
-    installed.up()
-    wait_for_first_states()
-    os.kill(installed.bus().pid_of(DISPLAY), signal.SIGKILL)
-    line = installed.log.wait_for(f"wait pid({installed.pid_of('display.sh')}) status(%d)")
+    running, client = settled(installed)
+    os.kill(client.pid_of(DISPLAY), signal.SIGKILL)
+    line = installed.log.wait_for(f"wait pid({running['display.sh']}) status(%d)")
     assert os.waitstatus_to_exitcode(line.values[0]) == 1
 
 
@@ -252,10 +273,7 @@ def test_the_holder_of_a_name_feeds_what_it_is_told_and_ends_with_its_input(inst
 @pytest.mark.takes(45)
 @pytest.mark.limit(120)
 def test_services_that_crash_when_they_are_told_to_come_back_after_the_grace(installed):
-    installed.up()
-    wait_for_first_states()
-    old = pids(installed)
-    client = installed.bus()
+    old, client = settled(installed)
     crashed = ("sensor-hub.py", "modem-watch.sh", "device-registry", "display.sh")
     for target in (SENSORS, DEVICES):
         assert client.error(target, "crash") == "org.freedesktop.DBus.Error.NoReply"
@@ -270,13 +288,11 @@ def test_services_that_crash_when_they_are_told_to_come_back_after_the_grace(ins
         assert f"Service {name} is \033[0;31minactive\033[0m\n" in client.report()
     assert client.owner(SENSORS[0]) == ""
     for name in crashed:
-        again = installed.log.wait_for(f"run {name} pid %d", GRACE + 10, count=2)
-        assert again - installed.log.find(f"run {name} pid %d")[0] >= GRACE
+        wait_for_restart(installed, name, GRACE + 10)
         assert installed.log.has(f"threadProc, service({name}) status(1) is abnormal")
-    clock.until(lambda: client.owner(SENSORS[0]) and client.pid_of(SENSORS[0]) == installed.pid_of("sensor-hub.py"), 10,
-                "the name of the new process")
+    wait_for_name(installed, client, SENSORS[0], 10)
     monitor = watch_feeds()
-    clock.until(lambda: (SENSORS[0], *FEEDS[SENSORS[0]]) in feeds(monitor), 10, lambda: str(feeds(monitor)))
+    clock.until(lambda: feed_of(SENSORS[0]) in feeds(monitor), 10, lambda: str(feeds(monitor)))
     assert client.report() == report_of(pids(installed))
     assert installed.log.count("run housekeeping.sh pid %d") == 1
     assert installed.pid_of("clock-watch") == old["clock-watch"]
@@ -292,24 +308,21 @@ def test_services_that_fall_silent_or_are_stuck_are_replaced(installed):
     client.call(SENSORS, "fall_silent")
     for name in ("device-registry", "display.sh"):
         os.kill(old[name], signal.SIGSTOP)
-    before = feeds(monitor).count((SENSORS[0], *FEEDS[SENSORS[0]]))
+    before = feeds(monitor).count(feed_of(SENSORS[0]))
     for name in ("device-registry", "sensor-hub.py", "display.sh"):
-        again = installed.log.wait_for(f"run {name} pid %d", GRACE + 15, count=2)
-        assert again - installed.log.find(f"run {name} pid %d")[0] >= GRACE
+        again = wait_for_restart(installed, name, GRACE + 15)
         installed.log.sequence(f"threadProc, service({name}) status(0) is abnormal", f"kill -15 {name}({old[name]})",
                                f"run {name} pid {again.values[0]}")
     # It lived and answered all the time, but did not feed.
     installed.log.wait_for(f"wait pid({old['sensor-hub.py']}) status(0)")
-    clock.until(lambda: client.owner(SENSORS[0]) and client.pid_of(SENSORS[0]) == installed.pid_of("sensor-hub.py"), 10,
-                "the name of the new process")
-    clock.until(lambda: feeds(monitor).count((SENSORS[0], *FEEDS[SENSORS[0]])) > before, 10, "keep-alives again")
+    wait_for_name(installed, client, SENSORS[0], 10)
+    clock.until(lambda: feeds(monitor).count(feed_of(SENSORS[0])) > before, 10, "keep-alives again")
     # The new processes wait for the names that the stuck ones hold, and get them when those come to.
     for bus_name, name in ((DEVICES[0], "device-registry"), (DISPLAY, "display.sh")):
         assert service_of(client, bus_name) == old[name]
         os.kill(old[name], signal.SIGCONT)
         installed.log.wait_for(f"wait pid({old[name]}) status(0)", 5)
-        clock.until(lambda bus_name=bus_name, name=name: service_of(client, bus_name) == installed.pid_of(name), 5,
-                    "the name of the new process")
+        wait_for_name(installed, client, bus_name, 5)
     assert list(client.call(DEVICES, "list")) == []
     assert client.report() == report_of(pids(installed))
 
@@ -317,10 +330,7 @@ def test_services_that_fall_silent_or_are_stuck_are_replaced(installed):
 @pytest.mark.takes(50)
 @pytest.mark.limit(120)
 def test_services_that_are_told_to_fall_silent_go_on_and_are_replaced(installed):
-    installed.up()
-    wait_for_first_states()
-    old = pids(installed)
-    client = installed.bus()
+    old, client = settled(installed)
     monitor = watch_feeds()
     client.call(DEVICES, "fall_silent")
     os.kill(old["display.sh"], signal.SIGUSR2)
@@ -333,6 +343,6 @@ def test_services_that_are_told_to_fall_silent_go_on_and_are_replaced(installed)
         installed.log.wait_for(f"run {name} pid %d", count=2)
     # One more that was on its way, at most.
     for name in (DEVICES[0], DISPLAY):
-        feed = (name, *FEEDS[name])
+        feed = feed_of(name)
         assert feeds(monitor).count(feed) - fed.count(feed) <= 2
         clock.until(lambda feed=feed: feeds(monitor).count(feed) > fed.count(feed), 10, lambda: str(feeds(monitor)))
