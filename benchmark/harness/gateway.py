@@ -7,6 +7,8 @@ import signal
 import subprocess
 import time
 
+from slots import Slots
+
 REPOSITORY = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 BUILD = os.path.join(REPOSITORY, "build-bench")
 STAGE = os.path.join(BUILD, "stage")
@@ -43,10 +45,11 @@ def until(probe, within, what):
     return found
 
 
-def run(arguments, within):
-    """Run a program to its end and give its standard output."""
+def run(arguments, within, environment=None):
+    """Run a program to its end and give its standard output; the environment is this program's unless given."""
     try:
-        ended = subprocess.run(arguments, stdout=subprocess.PIPE, timeout=within, check=True, text=True)
+        ended = subprocess.run(arguments, stdout=subprocess.PIPE, timeout=within, check=True, text=True,
+                               env=environment)
     except (subprocess.CalledProcessError, subprocess.TimeoutExpired) as error:
         raise Failed(str(error)) from None
     return ended.stdout
@@ -61,7 +64,10 @@ def cpu_s(pid):
 class Gateway:
     """Use as a context: up inside, gone afterwards."""
 
-    def __init__(self, *, idle=0, named=0, stamped=0, up_within=60):
+    def __init__(self, *, idle=0, named=0, stamped=0, slots=0, up_within=60):
+        self.slots = Slots(slots, "ours")
+        self.told = []
+        self.begun_ns = 0
         self.names = [f"iot.bench.service{number}" for number in range(max(named, stamped))]
         self.up_within = up_within
         self.daemon = None
@@ -76,6 +82,7 @@ class Gateway:
             file.write("#!/bin/sh\n")
         os.chmod(file.name, 0o755)
         entries = [self.entry("idle_service", number) for number in range(idle)]
+        entries += [self.entry("slot_service", number, args=[self.slots.path, str(number)]) for number in range(slots)]
         for number, name in enumerate(self.names):
             how = {"args": [name]}
             if stamped:
@@ -104,7 +111,13 @@ class Gateway:
         for directory in (RUN, RECORDS):
             shutil.rmtree(directory, ignore_errors=True)
         os.makedirs(RECORDS)
+        self.slots.clear()
+        self.begun_ns = time.monotonic_ns()
         self.daemon = subprocess.Popen([os.path.join(BIN, "quorvaned"), "--nofork"], stdin=subprocess.DEVNULL)
+        # The log is looked at only afterwards: the start is measured.
+        self.told = self.slots.wait(self.up_within)
+        if self.told is None:
+            raise Failed("the services have not started")
         until(self.is_up, self.up_within, "the daemon's start")
 
     @staticmethod

@@ -4,7 +4,7 @@ import os
 import statistics
 import subprocess
 
-from gateway import (ADDRESS, BARE_ANSWERER, BARE_RECEIVER, BIN, DAEMON, RECORDS, WATCHDOG, Failed, Gateway, cpu_s,
+from gateway import (ADDRESS, BARE_ANSWERER, BARE_RECEIVER, DAEMON, RECORDS, WATCHDOG, Failed, Gateway, cpu_s,
                      program, run, until)
 from registry import measurement
 from table import Row, Spread, at_least, at_most, percentile, ratios
@@ -96,25 +96,6 @@ def flood(gateway, name, quick):
     p99 = percentile(ours, 99)
     return Row(f"  under {rate:.1f} k signals per second", show(ours), show(bare),
                f"{p99 / percentile(bare, 99):.2f}", "p99 < 20 ms", p99 < 0.020)
-
-
-@measurement("command", "the whole status command", "dbus-send making the same call")
-def command(quick):
-    """The whole status command beside a general tool that makes the same call."""
-    status = [os.path.join(BIN, "quorvaned"), "status"]
-    tool = ["/usr/bin/dbus-send", "--print-reply", f"--bus={ADDRESS}", f"--dest={DAEMON}", "/iot/gateway/quorvaned",
-            f"{DAEMON}.get_le_status"]
-    ours, bare = [], []
-    with Gateway(named=20):
-        for line in run([program("command_timer"), "80" if quick else "500", *status, "--", *tool], 90).splitlines():
-            a_ns, b_ns, a_status, b_status = map(int, line.split())
-            if a_status != 0 or b_status != 0:
-                raise Failed(f"status ended with {a_status}, dbus-send with {b_status}")
-            ours.append(a_ns / 1e9)
-            bare.append(b_ns / 1e9)
-    ratio = ratios(ours, bare)
-    yield Row("status command, whole", Spread.of(ours).show(1e3, " ms"), Spread.of(bare).show(1e3, " ms"),
-              ratio.show(), *at_most(1.3, ratio.middle))
 
 
 def gaps(directory, count):

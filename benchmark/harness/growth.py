@@ -1,0 +1,69 @@
+"""How each cost grows with the number of services."""
+
+import math
+import statistics
+import time
+
+from floor import Starter
+from gateway import DAEMON, Gateway, program, run
+from registry import measurement
+from slots import span_s
+from stopping import floor_s, ours_s
+from table import Chart, Row
+from usage import Usage
+
+COUNTS = (10, 100, 500, 1000, 2000)
+COSTS = {
+    "start": "start of one, us",
+    "start_floor": "start of one, floor, us",
+    "stop": "stop of one, us",
+    "stop_floor": "stop of one, floor, us",
+    "status": "get_le_status, us",
+    "cpu": "idle CPU, ms in a minute",
+    "memory": "memory, KiB",
+}
+
+
+def costs_of(count, quick):
+    """All costs with so many services."""
+    with Gateway(slots=count) as gateway:
+        time.sleep(2)  # for what follows a start
+        before = Usage.of([gateway.daemon.pid])
+        begin = time.monotonic()
+        time.sleep(5 if quick else 20)
+        after, seconds = Usage.of([gateway.daemon.pid]), time.monotonic() - begin
+        words = [program("caller"), "50" if quick else "300", "0", DAEMON, DAEMON]
+        trips = [int(line.split()[0]) / 1e3 for line in run(words, 60).splitlines()]
+        ours = {"start": span_s(gateway.told) / (count - 1) * 1e6, "status": statistics.median(trips),
+                "cpu": (after.cpu_ns - before.cpu_ns) / 1e6 * 60 / seconds, "memory": after.pss_kib,
+                "stop": ours_s(gateway, False) / count * 1e6}
+    with Starter(count) as starter:
+        floor = {"start_floor": span_s(starter.told) / (count - 1) * 1e6,
+                 "stop_floor": floor_s(starter) / count * 1e6}
+    return {**ours, **floor}
+
+
+def exponent(points):
+    """The slope in a picture of two logarithmic axes: 0 does not grow, 1 grows like the number."""
+    logs = [(math.log(x), math.log(max(y, 1e-9))) for x, y in points]
+    slope, _ = statistics.linear_regression(*zip(*logs))
+    return slope
+
+
+@measurement("growth", "each cost with 10 to 2,000 services", "itself with fewer")
+def growth(quick):
+    """One picture, and a line for each cost."""
+    counts = COUNTS[:3] if quick else COUNTS
+    rounds = {count: [costs_of(count, quick) for _ in range(1 if quick else 3)] for count in counts}
+    series, points = {}, {}
+    for cost, label in COSTS.items():
+        points[cost] = [[count, statistics.median(each[cost] for each in made)] for count, made in rounds.items()]
+        series[f"{label}: n^{exponent(points[cost]):.2f}"] = points[cost]
+    for cost, label in COSTS.items():
+        if cost.endswith("_floor"):
+            continue
+        first, last = points[cost][0], points[cost][-1]
+        floor = points.get(cost + "_floor")
+        yield Row(f"{label}, {first[0]} to {last[0]:,} services", f"{first[1]:.1f} to {last[1]:.1f}",
+                  f"{floor[0][1]:.1f} to {floor[-1][1]:.1f}" if floor else "", f"n^{exponent(points[cost]):.2f}")
+    yield Chart("growth", "Costs against the number of services", "services", "see the legend", series)

@@ -1,0 +1,83 @@
+"""How fast services are ended, beyond the waits that come before."""
+
+import datetime
+import signal
+import subprocess
+
+from floor import Starter
+from gateway import ADDRESS, DAEMON, LOG, Gateway, program, run, until
+from registry import measurement
+from table import Row, Spread, at_most, ratios
+from turns import repetitions, sides
+
+SERVICES = 100
+GOAL = 1.2
+
+
+class Watch:
+    """Sees the last service end."""
+
+    def __init__(self, slots):
+        self.process = subprocess.Popen([program("death_watch"), str(slots.count), slots.path],
+                                        stdout=subprocess.PIPE, text=True)
+        self.process.stdout.readline()
+
+    def end_ns(self):
+        """When it ended, in ns since 1970."""
+        return int(self.process.communicate(timeout=60)[0])
+
+
+def logged_ns(text):
+    """When the start-up log got the first line with that text, in ns since 1970 (to the microsecond)."""
+    with open(LOG, encoding="utf-8") as file:
+        line = next(line for line in file if text in line)
+    return int(datetime.datetime.strptime(line[:26], "%Y-%m-%d %H:%M:%S.%f").timestamp() * 1e6) * 1000
+
+
+def has(text):
+    """The start-up log has a line with that text."""
+    with open(LOG, encoding="utf-8") as file:
+        return text in file.read()
+
+
+def ours_s(gateway, forced):
+    """Seconds from the line before the stop of the services to the end of the last of them."""
+    watch = Watch(gateway.slots)
+    if forced:
+        gateway.daemon.send_signal(signal.SIGTERM)
+    else:
+        run(["dbus-send", f"--bus={ADDRESS}", "--print-reply", f"--dest={DAEMON}", "/iot/gateway/quorvaned",
+             f"{DAEMON}.reboot"], 10)
+    end = watch.end_ns()
+    line = "quorvaned exit (force)" if forced else "stop business service"
+    until(lambda: has(line), 10, line)
+    return (end - logged_ns(line)) / 1e9
+
+
+def floor_s(starter):
+    """Seconds from the first signal to the end of the last service."""
+    watch = Watch(starter.slots)
+    begin = starter.end_all()
+    return (watch.end_ns() - begin) / 1e9
+
+
+def stopped(side, count, forced):
+    """One stop."""
+    if side == "ours":
+        with Gateway(slots=count) as gateway:
+            return ours_s(gateway, forced)
+    with Starter(count, signal.SIGKILL if forced else signal.SIGTERM) as starter:
+        return floor_s(starter)
+
+
+@measurement("stop", "100 services, from the log's line about it to the last one's end", "a loop of kill and wait")
+def stop(quick):
+    """A teardown ends them with SIGTERM, the end of the daemon with SIGKILL."""
+    for forced, name in ((False, "stop of 100 services, teardown"), (True, "stop of 100 services, end of the daemon")):
+        times = {"ours": [], "floor": []}
+        for number in repetitions(2, 3 if quick else 15, 8 if quick else 60):
+            for side in sides(number):
+                times[side].append(stopped(side, SERVICES, forced))
+        ratio = ratios(times["ours"], times["floor"])
+        yield Row(name, Spread.of(times["ours"]).show(1e3, " ms"), Spread.of(times["floor"]).show(1e3, " ms"),
+                  ratio.show(), *at_most(GOAL, ratio.middle))
