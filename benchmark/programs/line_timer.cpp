@@ -1,7 +1,7 @@
-// usage: line_timer PAIRS BATCH THREADS BARE_LOG
+// usage: line_timer PAIRS BATCH THREADS SIZE BARE_LOG
 // Writes start-up log lines, BATCH at a time on each of THREADS threads at once, through the daemon's log and by a bare
-// open, fstat, write and close of as many bytes to BARE_LOG, in turn (A B, B A, A B, ...). Prints for each pair the
-// nanoseconds that both took for one line.
+// open, fstat, write and close of as many bytes to BARE_LOG, in turn (A B, B A, A B, ...). Each time both logs begin
+// with a SIZE in bytes. Prints for each pair the nanoseconds that both took for one line.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -43,17 +43,18 @@ using Writer = void (*)(int, int, const std::string&, const std::string&);
 struct Load {
   int batch = 0;
   int threads = 0;
+  off_t size = 0;
   std::string bare_log;
   std::string bare_line;
 };
 
 // Nanoseconds of wall-clock time for one line of one thread.
-double time_lines(Writer write, const Load& load, int first) {
+double time_lines(Writer write, const Load& load) {
   std::atomic<int> waiting{load.threads};
   std::vector<std::thread> others;
   const auto work = [&](int thread) {
     for (--waiting; waiting > 0;) std::this_thread::yield();  // all begin together
-    for (int number = 0; number < load.batch; ++number) write(thread, first + number, load.bare_log, load.bare_line);
+    for (int number = 0; number < load.batch; ++number) write(thread, number, load.bare_log, load.bare_line);
   };
   others.reserve(static_cast<size_t>(load.threads));
   for (int thread = 1; thread < load.threads; ++thread) others.emplace_back(work, thread);
@@ -65,15 +66,15 @@ double time_lines(Writer write, const Load& load, int first) {
   return static_cast<double>(std::chrono::duration_cast<std::chrono::nanoseconds>(end - begin).count()) / load.batch;
 }
 
-// Both logs begin anew, so that none of them is emptied by what is measured.
-void empty_logs(const std::string& bare_log) {
-  (void)!::truncate(Paths::startup_log, 0);  // not there yet: as good as empty
-  (void)!::truncate(bare_log.c_str(), 0);
+// Not there yet: it is begun by the first line.
+void set_sizes(const std::string& bare_log, off_t size) {
+  (void)!::truncate(Paths::startup_log, size);
+  (void)!::truncate(bare_log.c_str(), size);
 }
 
 // As long as a line of the daemon.
 std::string line_like_ours(const std::string& bare_log) {
-  empty_logs(bare_log);
+  set_sizes(bare_log, 0);
   write_ours(0, 0, {}, {});
   const int64_t size = startup_log_size();
   if (size < 1) {
@@ -86,17 +87,17 @@ std::string line_like_ours(const std::string& bare_log) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 5) {
-    (void)std::fputs("usage: line_timer PAIRS BATCH THREADS BARE_LOG\n", stderr);
+  if (argc != 6) {
+    (void)std::fputs("usage: line_timer PAIRS BATCH THREADS SIZE BARE_LOG\n", stderr);
     return 2;
   }
-  const int pairs = std::atoi(argv[1]);
-  const Load load{std::atoi(argv[2]), std::atoi(argv[3]), argv[4], line_like_ours(argv[4])};
+  const int pairs = std::stoi(argv[1]);
+  const Load load{std::stoi(argv[2]), std::stoi(argv[3]), std::stol(argv[4]), argv[5], line_like_ours(argv[5])};
   for (int round = -warm_up; round < pairs; ++round) {
     std::array<double, 2> ns{};
-    empty_logs(load.bare_log);
+    set_sizes(load.bare_log, load.size);
     for (const int side : {std::abs(round) % 2, 1 - std::abs(round) % 2}) {
-      ns.at(static_cast<size_t>(side)) = time_lines(side == 0 ? write_ours : write_bare, load, 0);
+      ns.at(static_cast<size_t>(side)) = time_lines(side == 0 ? write_ours : write_bare, load);
     }
     if (round >= 0) (void)std::printf("%.0f %.0f\n", ns[0], ns[1]);
   }

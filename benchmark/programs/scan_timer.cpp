@@ -57,7 +57,7 @@ int main(int argc, char** argv) {
     (void)std::fputs("usage: scan_timer PAIRS NAME | scan_timer NAME\n", stderr);
     return 2;
   }
-  const int pairs = std::atoi(argv[1]);
+  const int pairs = std::stoi(argv[1]);
   for (int round = -warm_up; round < pairs; ++round) {
     std::array<Scan, 2> scans;
     for (const int side : {std::abs(round) % 2, 1 - std::abs(round) % 2}) {

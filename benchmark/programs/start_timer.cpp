@@ -131,8 +131,8 @@ int main(int argc, char** argv) {
   if (argc != 7) give_up("usage: start_timer PAIRS SERVICES DESCRIPTORS direct|asked IDLE_PROGRAM PROGRAM");
   limit_descriptors(argv[3]);
   if (!CProcessHost::instance().bind_to_this_thread()) give_up("no host");
-  for (int number = std::atoi(argv[2]); number > 0; --number) start_ours(argv[5]);
-  Measurement measurement(std::atoi(argv[1]), argv[6]);
+  for (int number = std::stoi(argv[2]); number > 0; --number) start_ours(argv[5]);
+  Measurement measurement(std::stoi(argv[1]), argv[6]);
   std::atomic<bool> done{false};
   if (std::strcmp(argv[4], "direct") == 0) {
     measurement.run(true, done);
