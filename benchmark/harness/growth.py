@@ -30,7 +30,7 @@ def costs_of(count, quick):
         time.sleep(2)  # for what follows a start
         before = Usage.of([gateway.daemon.pid])
         begin = time.monotonic()
-        time.sleep(5 if quick else 20)
+        time.sleep(5 if quick else 10)
         after, seconds = Usage.of([gateway.daemon.pid]), time.monotonic() - begin
         words = [program("caller"), "50" if quick else "300", "0", DAEMON, DAEMON]
         trips = [int(line.split()[0]) / 1e3 for line in run(words, 60).splitlines()]

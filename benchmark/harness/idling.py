@@ -8,7 +8,7 @@ from floor import Member
 from gateway import Gateway
 from peers import PEERS
 from registry import measurement
-from table import Row, at_most, beside
+from table import Chart, Row, at_most, beside
 from usage import Usage
 
 MOST_WAKEUPS = 2.2
@@ -16,6 +16,8 @@ MOST_CPU_MS = {20: 5, 500: 15}  # in a minute
 MOST_GAINED_KIB = 0
 MOST_PSS = 1.25
 MOST_PER_SERVICE_KIB = 4
+WHY_AWAKE = "main, controller and monitor each look around once a second"
+WHY_LARGE = "two bus connections against one, five threads against one, each with a stack for faults; the log library"
 
 
 def sampled(supervisors, seconds):
@@ -53,9 +55,9 @@ def idle_rows(count, samples, seconds):
                 if name != "ours"}
 
     yield Row(f"idle, {count} services: wake-ups a second", f"{wakeups['ours']:.2f}", "", "",
-              *at_most(MOST_WAKEUPS, wakeups["ours"]), others(wakeups, "", 2))
+              *at_most(MOST_WAKEUPS, wakeups["ours"]), others(wakeups, "", 2), WHY_AWAKE)
     yield Row(f"idle, {count} services: CPU in a minute", f"{cpu['ours']:.2f} ms", "", "",
-              *at_most(MOST_CPU_MS[count], cpu["ours"], " ms"), others(cpu, " ms", 2))
+              *at_most(MOST_CPU_MS[count], cpu["ours"], " ms"), others(cpu, " ms", 2), WHY_AWAKE)
     before, after = samples["ours"]
     gained = after.anonymous_kib - before.anonymous_kib
     descriptors = after.descriptors - before.descriptors
@@ -98,8 +100,12 @@ def memory(quick):
     peers_many = {peer.name: peer_kib(peer, 500) for peer in PEERS if peer.most >= 500}
     yield Row("memory, 20 services", f"{few:.0f} KiB", f"{least:.0f} KiB", f"{few / least:.2f}",
               *at_most(MOST_PSS, few / least),
-              {name: beside(value, few, 1, " KiB", 0) for name, value in peers_few.items()})
+              {name: beside(value, few, 1, " KiB", 0) for name, value in peers_few.items()}, WHY_LARGE)
     each = (many - few) / 480
     yield Row("memory, each further service", f"{each:.2f} KiB", "", "", *at_most(MOST_PER_SERVICE_KIB, each, " KiB"),
               {name: beside((value - peers_few[name]) / 480, each, 1, " KiB", 1)
                for name, value in peers_many.items()})
+    lines = {"ours": [[20, few], [500, many]]}
+    lines.update({name: [[20, peers_few[name]], [500, value]] for name, value in peers_many.items()})
+    yield Chart("memory", "Memory of the supervisor, with one process for each service where it has such", "services",
+                "PSS, KiB", lines)

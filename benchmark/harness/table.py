@@ -18,7 +18,7 @@ class Row:
     goal: str = ""  # without a goal the row only tells
     met: typing.Optional[bool] = None
     peers: dict = dataclasses.field(default_factory=dict)  # by the names above
-    note: str = ""  # a reservation, or why the goal is missed
+    note: str = ""  # why the goal is missed, told where it is; without a goal a reservation
 
 
 @dataclasses.dataclass
@@ -94,7 +94,7 @@ def cells(rows):
     lines, notes = [], []
     for row in rows:
         mark = ""
-        if row.note:
+        if row.note and not row.met:
             if row.note not in notes:
                 notes.append(row.note)
             mark = f" [{notes.index(row.note) + 1}]"
