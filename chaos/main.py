@@ -25,7 +25,7 @@ sys.path[:0] = [os.path.join(TOP, "tests", "system"), os.path.dirname(os.path.ab
 
 from harness import sandbox, staging  # noqa: E402  (the paths come first)
 from harness.gateway import Gateway  # noqa: E402
-from row import ROWS, Figure, Run  # noqa: E402
+from row import ROWS, Figure, Run, Skipped  # noqa: E402
 import kept  # noqa: E402
 import rows  # noqa: E402,F401  (it fills ROWS)
 
@@ -50,22 +50,28 @@ def run(row, form, amount, seed, stage, tried):
             nonlocal count
             count += 1
             return Gateway(stage, os.path.join(stage, f"{row.name}.{count}"))
-        figures = row.body(Run(make_gateway, amount or getattr(row, form), seed, form == "long"))
-        return [vars(figure) for figure in figures]
+        try:
+            figures = row.body(Run(make_gateway, amount or getattr(row, form), seed, form == "long"))
+        except Skipped as reason:
+            return [], str(reason)
+        return [vars(figure) for figure in figures], None
 
     begin, mark = time.monotonic(), tried.mark(row)
     try:
-        figures = sandbox.run_inside(body, keep=[stage], limit=row.limits[form], sizes=row.sizes)
-    except sandbox.Broken as error:
-        figures = [vars(Figure(f"not finished: {error}", 0, None, "finished", False))]
-    return {"figures": figures, "seconds": round(time.monotonic() - begin), "seed": seed, "commit": tried.commit,
-            "mark": mark, "machine": machine(),
+        figures, skipped = body() if row.outside else sandbox.run_inside(body, keep=[stage], limit=row.limits[form],
+                                                                         sizes=row.sizes)
+    except (sandbox.Broken, AssertionError) as error:
+        figures, skipped = [vars(Figure(f"not finished: {error}", 0, None, "finished", False))], None
+    return {"figures": figures, "skipped": skipped, "seconds": round(time.monotonic() - begin), "seed": seed,
+            "commit": tried.commit, "mark": mark, "machine": machine(),
             "date": datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d %H:%M UTC")}
 
 
 def show(row, result):
     """Tell what came out."""
     print(f"{row.name}: {row.fault}")
+    if result.get("skipped"):
+        print(f"  skipped: {result['skipped']}")
     for figure in kept.figures(result):
         print(f"  {'met    ' if figure.met else 'NOT MET'}  {figure.text()}  (goal: {figure.goal})")
     print(f"  {result['seconds']} s, seed {result['seed']}, commit {result['commit']}", flush=True)
@@ -79,12 +85,13 @@ def listed():
                      for row in ROWS.values() for label in kept.labels(row))
 
 
-def line(row, result):
+def line(row, label, result):
     """A line of the page's table."""
+    fault = row.fault + (f" ({label.removeprefix(row.name + '-')})" if row.seeds else "")
     if result is None:
-        return f"| {row.fault} | {row.how} | not run yet | | | |"
+        return f"| {fault} | {row.how} | not run yet | | | |"
     figures = kept.figures(result)
-    return (f"| {row.fault} | {row.how} | {'<br>'.join(figure.text() for figure in figures)} | "
+    return (f"| {fault} | {row.how} | {'<br>'.join(figure.text() for figure in figures)} | "
             f"{'<br>'.join(figure.goal for figure in figures)} | "
             f"{'<br>'.join('yes' if figure.met else '**no**' for figure in figures)} | "
             f"{result['date']}, {result['seconds']} s, seed {result['seed']}, commit {result['commit']} |")
@@ -92,10 +99,10 @@ def line(row, result):
 
 def record():
     """Write the kept results into the page."""
-    results = [(row, kept.load(label)) for row in ROWS.values() for label in kept.labels(row)]
+    results = [(row, label, kept.load(label)) for row in ROWS.values() for label in kept.labels(row)]
     lines = ["| fault | how | result | goal | met | run |", "|---|---|---|---|---|---|"]
-    lines += [line(row, result) for row, result in results]
-    machines = sorted({result["machine"] for _, result in results if result})
+    lines += [line(*one) for one in results]
+    machines = sorted({result["machine"] for *_, result in results if result})
     lines += ["", "Machine: " + "; ".join(machines)] if machines else []
     with open(PAGE, encoding="utf-8") as file:
         text = file.read()

@@ -44,13 +44,19 @@ class Row:
     limits: dict
     sizes: dict | None = None
     seeds: tuple = ()
+    outside: bool = False
 
 
-def row(name, fault, how, *, short, long, seconds, sizes=None, seeds=()):
-    """Register a row: how much of it the short and the long form do, and how many seconds each may take. Its long form
-    is run once for each of these seeds, if there are any."""
+class Skipped(Exception):
+    """What a row needs is not there; the text says what it is."""
+
+
+def row(name, fault, how, *, short, long, seconds, **more):
+    """Register a row: how much of it the short and the long form do, and how many seconds each may take. `sizes`: of
+    the file systems of its private directories. `seeds`: its long form is run once for each. `outside`: it brings all
+    its gateways up side by side, or by other programs, and needs no namespaces of its own."""
     def register(body):
-        ROWS[name] = Row(name, fault, how, body, short, long, dict(zip(("short", "long"), seconds)), sizes, seeds)
+        ROWS[name] = Row(name, fault, how, body, short, long, dict(zip(("short", "long"), seconds)), **more)
         return body
     return register
 

@@ -1,0 +1,96 @@
+"""Races between the daemon's threads: everything under the thread sanitizer."""
+
+import os
+import re
+import shutil
+import subprocess
+import sys
+
+from harness import staging
+from harness.sandbox import REPOSITORY
+from row import ROWS, Run, Skipped, at_least, none, row
+from side_by_side import side_by_side
+
+BUILD = os.path.join(REPOSITORY, "build-tsan")
+KEPT = os.path.join(REPOSITORY, "build-chaos")
+REPORT = "WARNING: ThreadSanitizer"
+SUPPRESSIONS = "suppressions=" + os.path.join(REPOSITORY, "tests", "tsan.supp")
+# How much of the rows is done beside the suite, which does their short forms; and how much in a minute.
+MUCH = {"kill-storm": 200, "signals-any-moment": 60, "keep-alive-flood": 90}
+LITTLE = {"signals-any-moment": 6, "keep-alive-flood": 5}
+
+
+@row("races", "races between threads",
+     "the thread sanitizer: unit tests, system tests, and the rows kill-storm, signals-any-moment and keep-alive-flood "
+     "with 200 restarts, 60 runs and 90 s. In the short form a part of two of the rows, where the build that is tried "
+     "has the sanitizer", short=1, long=1, seconds=(110, 1500), outside=True)
+def races(run):
+    """The sanitizer has nothing to report."""
+    return suite_and_rows() if run.is_long else part(run)
+
+
+def part(run):
+    """What fits in a minute, with the build that is tried."""
+    with open(os.path.join(staging.build_directory(), "service", "quorvaned"), "rb") as file:
+        if b"__tsan_init" not in file.read():
+            raise Skipped("the build that is tried has no thread sanitizer (scripts/test tsan has)")
+
+    def body(gateway, _chance, number):
+        if "suppressions=" not in os.environ.get("TSAN_OPTIONS", ""):
+            os.environ["TSAN_OPTIONS"] = SUPPRESSIONS
+        gateway.collect_sanitizer_reports()
+        name = list(LITTLE)[number]
+        figures = ROWS[name].body(Run(lambda: gateway, LITTLE[name], run.seed, False, quiet=True))
+        return [f"{name}: {figure.text()}" for figure in figures if not figure.met], gateway.sanitizer_reports()
+
+    answers = side_by_side(run, len(LITTLE), body, limit=100)
+    reports = "\n".join(reports for _, reports in answers)
+    return told(reports, [text for missed, _ in answers for text in missed], len(LITTLE))
+
+
+def told(reports, missed, of):
+    """The figures that all forms have; what is behind them is printed."""
+    for text in [*missed[:10], reports[:20000]]:
+        if text:
+            print(text, flush=True)
+    return [none("reports", reports.count(REPORT), None), none("rows that missed a goal", len(missed), of)]
+
+
+def suite_and_rows():
+    """All of it: the suite by the script that is there for it, then the rows."""
+    os.makedirs(KEPT, exist_ok=True)
+    log = os.path.join(KEPT, "races.log")
+    print(f"    scripts/test tsan; see {log}", file=sys.stderr, flush=True)
+    with open(log, "w", encoding="utf-8") as file:
+        status = subprocess.run([os.path.join(REPOSITORY, "scripts", "test"), "tsan"], stdout=file, stderr=file,
+                                check=False).returncode
+    with open(log, encoding="utf-8", errors="backslashreplace") as file:
+        text = file.read()
+    units = sum(map(int, re.findall(r"tests passed, \d+ tests failed out of (\d+)", text)))
+    tests = re.findall(r"^=+ (?:\d+ failed, )?(\d+) passed", text, re.MULTILINE)
+    missed, reports = rows_beside_each_other()
+    return [at_least("unit tests", units, 1), at_least("system tests that passed", int(tests[0]) if tests else 0, 1),
+            none("suites that failed", int(status != 0), 1),
+            *told((text if REPORT in text else "") + reports, missed, len(MUCH))]
+
+
+def rows_beside_each_other():
+    """Run the rows with the same build; give the goals that were missed, and the reports."""
+    found = os.path.join(BUILD, "reports-of-rows")
+    shutil.rmtree(found, ignore_errors=True)
+    os.makedirs(found)
+    options = f"{SUPPRESSIONS}:report_signal_unsafe=0:report_thread_leaks=0:log_path={found}/report"
+    environment = dict(os.environ, QUORVANED_BUILD=BUILD, QUORVANED_TIME_FACTOR="3", TSAN_OPTIONS=options)
+    program = [sys.executable, "-B", os.path.join(REPOSITORY, "chaos", "main.py")]
+    running = {name: subprocess.Popen([*program, "--amount", str(amount), name], env=environment,
+                                      stdout=subprocess.PIPE, text=True) for name, amount in MUCH.items()}
+    missed = []
+    for name, process in running.items():
+        output = process.communicate()[0]
+        if process.returncode != 0:
+            missed.append(f"{name}: " + "; ".join(line.strip() for line in output.splitlines() if "NOT MET" in line))
+    reports = []
+    for name in sorted(os.listdir(found)):
+        with open(os.path.join(found, name), encoding="utf-8", errors="backslashreplace") as file:
+            reports.append(file.read())
+    return missed, "\n".join(reports)
