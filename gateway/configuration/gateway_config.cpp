@@ -12,9 +12,9 @@
 #include <string_view>
 #include <vector>
 
+#include "bus_connection.h"
 #include "codes.h"
 #include "configuration.h"
-#include "service.h"
 
 namespace {
 
@@ -64,15 +64,6 @@ using Message = std::unique_ptr<DBusMessage, Unref>;
 
 class Client {
  public:
-  Client() = default;
-  ~Client() {
-    if (connection_ == nullptr) return;
-    dbus_connection_close(connection_);
-    dbus_connection_unref(connection_);
-  }
-  Client(const Client&) = delete;
-  Client& operator=(const Client&) = delete;
-
   // Calls the method. Gives the code and, for a method that has one, the value. False, with the reason on standard
   // error, when there was no answer.
   bool call(const char* member, const std::vector<const char*>& texts, const dbus_bool_t* flag, Code& code,
@@ -87,11 +78,9 @@ class Client {
 
  private:
   bool connect(DBusError& error) {
-    if (connection_ != nullptr) return true;
-    connection_ = dbus_connection_open_private(gateway::bus_address, &error);
-    if (connection_ == nullptr) return false;
-    dbus_connection_set_exit_on_disconnect(connection_, FALSE);
-    return dbus_bus_register(connection_, &error);
+    if (connection_) return true;
+    connection_ = gateway::open_bus(&error);
+    return connection_ && dbus_bus_register(connection_.get(), &error);
   }
 
   bool exchange(const char* member, const std::vector<const char*>& texts, const dbus_bool_t* flag, Code& code,
@@ -101,7 +90,7 @@ class Client {
     for (const char* text : texts) dbus_message_append_args(message.get(), DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
     if (flag != nullptr) dbus_message_append_args(message.get(), DBUS_TYPE_BOOLEAN, flag, DBUS_TYPE_INVALID);
     const Message reply(
-        dbus_connection_send_with_reply_and_block(connection_, message.get(), time_for(member), &error));
+        dbus_connection_send_with_reply_and_block(connection_.get(), message.get(), time_for(member), &error));
     if (!reply) return false;
     dbus_int32_t number = 0;
     const char* text = "";
@@ -115,7 +104,7 @@ class Client {
     return true;
   }
 
-  DBusConnection* connection_ = nullptr;
+  gateway::BusConnection connection_;
 };
 
 // Reads standard input to its end, at most a little more than a value may have.

@@ -2,9 +2,10 @@
 
 #include <dbus/dbus.h>
 
-#include <array>
-#include <ctime>
+#include <chrono>
 
+#include "bus_connection.h"
+#include "local_time.h"
 #include "service.h"
 
 namespace gateway {
@@ -14,15 +15,6 @@ constexpr std::size_t lines_kept = 20;
 constexpr int attempts_limit = 60;
 constexpr const char* logger = "iot.gateway.logger";
 constexpr dbus_int32_t level_failure = 2;
-
-std::string now() {
-  const std::time_t seconds = std::time(nullptr);
-  std::tm parts{};
-  ::localtime_r(&seconds, &parts);
-  std::array<char, 32> text{};
-  std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S ", &parts);
-  return text.data();
-}
 
 void keep(std::deque<std::string>& lines, const std::string& line) {
   lines.push_back(line);
@@ -44,7 +36,7 @@ void send(DBusConnection* connection, const std::string& line) {
 }  // namespace
 
 void Reports::add(const std::string& text) {
-  keep(lines_, now() + text);
+  keep(lines_, local_time(std::chrono::system_clock::now()) + " " + text);
   keep(unsent_, text);
   attempts_ = 0;
 }
@@ -58,17 +50,12 @@ void Reports::publish(const std::string& condition) {
 
 // Over a connection of its own, as there is something to tell so rarely.
 bool Reports::send_all() {
-  DBusConnection* connection = dbus_connection_open_private(bus_address, nullptr);
-  if (connection == nullptr) return false;
-  dbus_connection_set_exit_on_disconnect(connection, FALSE);
-  const bool there = dbus_bus_register(connection, nullptr) && dbus_bus_name_has_owner(connection, logger, nullptr);
-  if (there) {
-    for (const std::string& line : unsent_) send(connection, line);
-    dbus_connection_flush(connection);
-  }
-  dbus_connection_close(connection);
-  dbus_connection_unref(connection);
-  return there;
+  const BusConnection connection = open_bus(nullptr);
+  if (!connection || !dbus_bus_register(connection.get(), nullptr)) return false;
+  if (!dbus_bus_name_has_owner(connection.get(), logger, nullptr)) return false;
+  for (const std::string& line : unsent_) send(connection.get(), line);
+  dbus_connection_flush(connection.get());
+  return true;
 }
 
 }  // namespace gateway

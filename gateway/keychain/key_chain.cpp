@@ -11,6 +11,8 @@
 #include <filesystem>
 #include <utility>
 
+#include "descriptor.h"
+
 namespace gateway {
 namespace {
 
@@ -29,22 +31,6 @@ struct Problem {
 };
 
 [[noreturn]] void fail(const std::string& what) { throw Problem{what + ": " + std::strerror(errno)}; }
-
-class Descriptor {
- public:
-  explicit Descriptor(int number) : number_(number) {}
-  ~Descriptor() {
-    if (number_ >= 0) ::close(number_);
-  }
-  Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  Descriptor& operator=(Descriptor&&) = delete;
-  [[nodiscard]] int get() const { return number_; }
-
- private:
-  int number_;
-};
 
 std::string to_hex(const std::uint8_t* bytes, std::size_t count) {
   constexpr char digits[] = "0123456789abcdef";
@@ -95,7 +81,7 @@ class Place {
 
   void read() {
     const Descriptor file(::openat(directory_.get(), file_name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
-    if (file.get() < 0) {
+    if (!file.valid()) {
       if (errno != ENOENT) fail(file_path());
       state_ = State::missing;
       return;
@@ -151,7 +137,7 @@ class Place {
       fail(path_);
     }
     Descriptor directory(::openat(root.get(), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (directory.get() < 0) fail(path_);
+    if (!directory.valid()) fail(path_);
     return directory;
   }
 
@@ -160,14 +146,7 @@ class Place {
     (void)::unlinkat(directory_.get(), fresh_name, 0);
     const Descriptor file(
         ::openat(directory_.get(), fresh_name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (file.get() < 0) fail(file_path());
-    while (!text.empty()) {
-      const ssize_t count = ::write(file.get(), text.data(), text.size());
-      if (count < 0 && errno == EINTR) continue;
-      if (count < 0) fail(file_path());
-      text.remove_prefix(static_cast<std::size_t>(count));
-    }
-    if (::fsync(file.get()) != 0) fail(file_path());
+    if (!file.valid() || !write_all(file.get(), text) || ::fsync(file.get()) != 0) fail(file_path());
   }
 
   std::string path_;
@@ -187,7 +166,7 @@ Deployed deploy(const std::string& root) {
   std::error_code ignored;  // told by the opening below
   std::filesystem::create_directories(root, ignored);
   const Descriptor directory(::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (directory.get() < 0) fail(root);
+  if (!directory.valid()) fail(root);
   Place chain(directory, root + "/.security", ".security");
   Place copy(directory, root + "/.sec_bak", ".sec_bak");
   chain.lock();

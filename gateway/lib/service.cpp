@@ -77,21 +77,14 @@ bool StopSignal::wait(std::chrono::milliseconds time) {
 BusService::BusService(std::string name, std::string path, std::string introspection, StopSignal& stop)
     : name_(std::move(name)), path_(std::move(path)), introspection_(std::move(introspection)), stop_(stop) {}
 
-BusService::~BusService() {
-  if (connection_ == nullptr) return;
-  dbus_connection_close(connection_);
-  dbus_connection_unref(connection_);
-}
-
 bool BusService::connect() {
   DBusError error = DBUS_ERROR_INIT;
-  // A private connection: a shared one of libdbus ends the process when the bus goes away.
-  connection_ = dbus_connection_open_private(bus_address, &error);
+  connection_ = open_bus(&error);
   static const DBusObjectPathVTable table{nullptr, &BusService::on_message, nullptr, nullptr, nullptr, nullptr};
   // Queued for the name, if need be: after a restart the process before this one may be about to end only now.
-  const bool connected = connection_ != nullptr && dbus_bus_register(connection_, &error) &&
-                         dbus_connection_register_object_path(connection_, path_.c_str(), &table, this) &&
-                         dbus_bus_request_name(connection_, name_.c_str(), 0, &error) != -1;
+  const bool connected = connection_ && dbus_bus_register(connection_.get(), &error) &&
+                         dbus_connection_register_object_path(connection_.get(), path_.c_str(), &table, this) &&
+                         dbus_bus_request_name(connection_.get(), name_.c_str(), 0, &error) != -1;
   dbus_error_free(&error);
   return connected;
 }
@@ -104,7 +97,7 @@ void BusService::feed_dog(const std::string& item, std::chrono::seconds until_ne
   dbus_message_set_destination(signal, "iot.gateway.watchdog");
   dbus_message_append_args(signal, DBUS_TYPE_STRING, &name, DBUS_TYPE_STRING, &key, DBUS_TYPE_INT32, &seconds,
                            DBUS_TYPE_INVALID);
-  dbus_connection_send(connection_, signal, nullptr);
+  dbus_connection_send(connection_.get(), signal, nullptr);
   dbus_message_unref(signal);
 }
 
@@ -120,16 +113,16 @@ bool BusService::serve_until_readable(int descriptor) {
 bool BusService::serve_until(std::chrono::steady_clock::time_point end, int descriptor) {
   bool readable = false;
   int bus = -1;
-  dbus_connection_get_unix_fd(connection_, &bus);
+  dbus_connection_get_unix_fd(connection_.get(), &bus);
   while (!stop_.stopped()) {
     // What is queued is written, what has arrived is read and answered, and only then the end is asked for.
-    if (!dbus_connection_read_write(connection_, 0)) return false;
-    while (dbus_connection_dispatch(connection_) == DBUS_DISPATCH_DATA_REMAINS) {
+    if (!dbus_connection_read_write(connection_.get(), 0)) return false;
+    while (dbus_connection_dispatch(connection_.get()) == DBUS_DISPATCH_DATA_REMAINS) {
     }
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
     if (readable || left.count() <= 0) return true;
     short events = POLLIN;
-    if (dbus_connection_has_messages_to_send(connection_)) events |= POLLOUT;
+    if (dbus_connection_has_messages_to_send(connection_.get())) events |= POLLOUT;
     pollfd ready[] = {{bus, events, 0}, {stop_.descriptor_, POLLIN, 0}, {descriptor, POLLIN, 0}};
     readable = ::poll(ready, 3, static_cast<int>(std::min<std::int64_t>(left.count(), INT32_MAX))) > 0 &&
                ready[2].revents != 0;
@@ -179,7 +172,7 @@ DBusHandlerResult BusService::answer(DBusMessage* call) {
       reply = error;
     }
   }
-  if (!dbus_message_get_no_reply(call)) dbus_connection_send(connection_, reply, nullptr);
+  if (!dbus_message_get_no_reply(call)) dbus_connection_send(connection_.get(), reply, nullptr);
   dbus_message_unref(reply);
   return DBUS_HANDLER_RESULT_HANDLED;
 }

@@ -12,9 +12,10 @@
 #include <map>
 #include <string>
 
+#include "bus_connection.h"
+
 namespace gateway {
 
-inline constexpr const char* bus_address = "unix:path=/tmp/var/run/mbusd/mbusd_socket";
 inline constexpr const char* run_root = "/quorvane/run";
 
 // Writes the text to the file "state" in the service's directory below the run-time root, replacing it in one step.
@@ -53,7 +54,6 @@ class BusService {
 
   // `path` is the object path; `introspection` the interface's inside in D-Bus introspection XML.
   BusService(std::string name, std::string path, std::string introspection, StopSignal& stop);
-  ~BusService();
   BusService(const BusService&) = delete;
   BusService& operator=(const BusService&) = delete;
 
@@ -83,7 +83,7 @@ class BusService {
   std::string introspection_;
   StopSignal& stop_;
   std::map<std::string, Method> methods_;
-  DBusConnection* connection_ = nullptr;
+  BusConnection connection_;
 };
 
 }  // namespace gateway

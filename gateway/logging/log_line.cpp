@@ -2,7 +2,8 @@
 
 #include <array>
 #include <cstdio>
-#include <ctime>
+
+#include "local_time.h"
 
 namespace gateway {
 namespace {
@@ -60,19 +61,6 @@ std::string shown(std::string_view character) {
   return std::string(character);
 }
 
-std::string time_text(std::chrono::system_clock::time_point time) {
-  using std::chrono::milliseconds;
-  const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
-  const auto rest = std::chrono::duration_cast<milliseconds>(time - seconds).count();
-  const std::time_t clock = std::chrono::system_clock::to_time_t(seconds);
-  std::tm local{};
-  ::localtime_r(&clock, &local);
-  std::array<char, 40> text{};
-  const std::size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &local);
-  std::snprintf(text.data() + length, text.size() - length, ".%03d", static_cast<int>(rest));
-  return text.data();
-}
-
 const char* level_word(std::int32_t level) {
   if (level <= 0) return "trace";
   return level == 1 ? "info" : "failure";
@@ -95,7 +83,7 @@ std::string printable(std::string_view text, std::size_t limit) {
 
 std::string format_line(std::chrono::system_clock::time_point time, const std::string* module, std::int32_t level,
                         std::string_view tag, std::string_view text) {
-  std::string line = time_text(time) + " " + level_word(level) + " ";
+  std::string line = local_time_ms(time) + " " + level_word(level) + " ";
   if (module != nullptr) line += printable(*module, longest_word) + " ";
   return line + "[" + printable(tag, longest_word) + "] " + printable(text, longest_text) + "\n";
 }

@@ -15,6 +15,7 @@
 #include "log_line.h"
 #include "log_store.h"
 #include "module_file.h"
+#include "temporary_directory.h"
 
 namespace {
 
@@ -100,14 +101,10 @@ TEST(ModuleFile, is_another_one_for_another_module) {
 class Logs : public testing::Test {
  protected:
   void SetUp() override {
-    std::string name = (fs::temp_directory_path() / "logs-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(name.data()), nullptr);
-    root = name;
     limits.file_size = 1000;
     limits.old_files = 3;
     limits.modules = 4;
   }
-  void TearDown() override { fs::remove_all(root); }
 
   static std::string content(const fs::path& path) {
     std::ifstream file(path);
@@ -120,7 +117,8 @@ class Logs : public testing::Test {
   [[nodiscard]] fs::path file(const std::string& name) const { return root / "deep" / "logs" / name; }
   [[nodiscard]] LogStore store() const { return {root / "deep" / "logs", limits}; }
 
-  fs::path root;
+  gateway::TemporaryDirectory temporary;
+  const fs::path& root = temporary.path();
   LogLimits limits;
 };
 

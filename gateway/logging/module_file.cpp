@@ -9,12 +9,17 @@ namespace {
 
 constexpr std::size_t longest_name = 64;
 constexpr std::size_t digest_bytes = crypto_generichash_BYTES_MIN;
-constexpr const char* digits = "0123456789abcdef";
 
 bool is_plain(char byte, bool first) {
   const bool alphanumeric =
       (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') || (byte >= '0' && byte <= '9');
   return alphanumeric || byte == '_' || byte == '-' || (byte == '.' && !first);
+}
+
+template <std::size_t size>
+std::string hexadecimal(const std::array<unsigned char, size>& bytes) {
+  std::array<char, 2 * size + 1> digits{};
+  return sodium_bin2hex(digits.data(), digits.size(), bytes.data(), bytes.size());
 }
 
 // As many bytes of it as make `limit` characters or a little more: a name may be of any size.
@@ -25,10 +30,7 @@ std::string escaped(std::string_view name, std::size_t limit) {
       result += name[at];
       continue;
     }
-    const auto byte = static_cast<unsigned char>(name[at]);
-    result += '%';
-    result += digits[byte >> 4U];
-    result += digits[byte & 15U];
+    result += '%' + hexadecimal<1>({static_cast<unsigned char>(name[at])});
   }
   return result;
 }
@@ -38,12 +40,7 @@ std::string digest(std::string_view name) {
   // Fails only for sizes out of its range.
   (void)crypto_generichash(hash.data(), hash.size(), reinterpret_cast<const unsigned char*>(name.data()), name.size(),
                            nullptr, 0);
-  std::string text;
-  for (const unsigned char byte : hash) {
-    text += digits[byte >> 4U];
-    text += digits[byte & 15U];
-  }
-  return text;
+  return hexadecimal(hash);
 }
 
 }  // namespace

@@ -7,7 +7,6 @@
 #include <sys/wait.h>
 
 #include <array>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -16,6 +15,7 @@
 #include "descriptor.h"
 #include "relay.h"
 #include "session.h"
+#include "temporary_directory.h"
 #include "terminal_socket.h"
 
 namespace {
@@ -171,13 +171,6 @@ TEST(TerminalSession, hangs_up_on_its_shell_when_the_client_has_gone) {
 
 class TerminalPlace : public testing::Test {
  protected:
-  void SetUp() override {
-    std::string name = (fs::temp_directory_path() / "terminal-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(name.data()), nullptr);
-    root = name;
-  }
-  void TearDown() override { fs::remove_all(root); }
-
   [[nodiscard]] std::string path(const std::string& name) const { return (root / "console" / name).string(); }
 
   // Whether the lock can be had by another process.
@@ -193,7 +186,8 @@ class TerminalPlace : public testing::Test {
     return status == 0;
   }
 
-  fs::path root;
+  gateway::TemporaryDirectory temporary;
+  const fs::path& root = temporary.path();
 };
 
 TEST_F(TerminalPlace, is_locked_by_one_process_as_long_as_it_lives) {

@@ -3,10 +3,11 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+
+#include "temporary_directory.h"
 
 namespace {
 
@@ -16,13 +17,6 @@ namespace fs = std::filesystem;
 
 class KeyChain : public testing::Test {
  protected:
-  void SetUp() override {
-    std::string name = (fs::temp_directory_path() / "key-chain-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(name.data()), nullptr);
-    root = name;
-  }
-  void TearDown() override { fs::remove_all(root); }
-
   [[nodiscard]] fs::path chain() const { return root / ".security" / "keychain"; }
   [[nodiscard]] fs::path copy() const { return root / ".sec_bak" / "keychain"; }
 
@@ -35,7 +29,8 @@ class KeyChain : public testing::Test {
 
   std::optional<Deployed> deploy() { return deploy_key_chain(root.string(), problem); }
 
-  fs::path root;
+  gateway::TemporaryDirectory temporary;
+  const fs::path& root = temporary.path();
   std::string problem;
 };
 

@@ -21,10 +21,6 @@ bool is_plain_name(std::string_view name) {
 
 }  // namespace
 
-Descriptor::~Descriptor() {
-  if (number_ >= 0) ::close(number_);
-}
-
 std::string error_text(const std::string& what) { return what + ": " + std::strerror(errno); }
 
 bool is_plain_path(std::string_view path) {
@@ -81,7 +77,7 @@ std::optional<Sum> copy_and_sum(int from, int to) {
     if (count == 0) break;
     const auto size = static_cast<std::size_t>(count);
     crypto_hash_sha256_update(&state, block.data(), size);
-    if (to >= 0 && !write_file(to, {reinterpret_cast<const char*>(block.data()), size})) return std::nullopt;
+    if (to >= 0 && !write_all(to, {reinterpret_cast<const char*>(block.data()), size})) return std::nullopt;
   }
   Sum sum{};
   crypto_hash_sha256_final(&state, sum.data());
@@ -104,16 +100,6 @@ std::optional<std::string> read_file(int file, std::size_t limit) {
   }
 }
 
-bool write_file(int file, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t count = ::write(file, text.data(), text.size());
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return false;
-    text.remove_prefix(static_cast<std::size_t>(count));
-  }
-  return true;
-}
-
 bool replace_file(const std::string& path, std::string_view text, mode_t mode) {
   const auto [parent_path, name] = split_path(path);
   const Descriptor parent = open_directory(parent_path);
@@ -122,7 +108,7 @@ bool replace_file(const std::string& path, std::string_view text, mode_t mode) {
   (void)::unlinkat(parent.get(), fresh.c_str(), 0);  // what an interrupted call has left
   const Descriptor file(
       ::openat(parent.get(), fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
-  if (file.valid() && write_file(file.get(), text) && ::fsync(file.get()) == 0 &&
+  if (file.valid() && write_all(file.get(), text) && ::fsync(file.get()) == 0 &&
       ::renameat(parent.get(), fresh.c_str(), parent.get(), name.c_str()) == 0) {
     return ::fsync(parent.get()) == 0;
   }

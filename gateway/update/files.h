@@ -1,5 +1,5 @@
-// What the update needs of the file system: descriptors that close themselves, paths that lead through no link, copies
-// whose sum is known, and changes that outlast a power cut.
+// What the update needs of the file system: paths that lead through no link, copies whose sum is known, and changes that
+// outlast a power cut.
 #pragma once
 
 #include <sys/types.h>
@@ -11,29 +11,12 @@
 #include <string_view>
 #include <utility>
 
+#include "descriptor.h"
+
 namespace gateway::update {
 
 // A SHA-256 sum.
 using Sum = std::array<std::uint8_t, 32>;
-
-// An open file, closed at the end of its life. `get` is -1 when there is none.
-class Descriptor {
- public:
-  explicit Descriptor(int number = -1) : number_(number) {}
-  ~Descriptor();
-  Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
-  Descriptor& operator=(Descriptor&& other) noexcept {
-    std::swap(number_, other.number_);
-    return *this;
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  [[nodiscard]] int get() const { return number_; }
-  [[nodiscard]] bool valid() const { return number_ >= 0; }
-
- private:
-  int number_;
-};
 
 // "WHAT: " and the text of errno.
 [[nodiscard]] std::string error_text(const std::string& what);
@@ -61,9 +44,6 @@ class Descriptor {
 
 // The whole of a file of at most `limit` bytes. None, with errno set, when it cannot be read or is larger (EFBIG).
 [[nodiscard]] std::optional<std::string> read_file(int file, std::size_t limit);
-
-// Writes all of it. False, with errno set, when that fails.
-[[nodiscard]] bool write_file(int file, std::string_view text);
 
 // Replaces the file in one step, safe from a power cut. False, with errno set, when that fails; the file is then as
 // it was.

@@ -20,16 +20,16 @@
 #include <string_view>
 #include <system_error>
 
+#include "descriptor.h"
 #include "files.h"
+#include "names.h"
 #include "report.h"
 #include "upgrade.h"
 
 namespace {
 
-using gateway::update::Descriptor;
+using gateway::Descriptor;
 
-constexpr const char* startup_directory = "/quorvane/run/startup";
-constexpr const char* lock_path = "/quorvane/run/startup/fota.lock";
 constexpr int look_ms = 1000;
 
 // The directory above that of the program.
@@ -44,8 +44,8 @@ std::string install_root() {
 // Held as long as the process lives. Not valid when another one has it.
 Descriptor take_lock() {
   std::error_code ignored;
-  std::filesystem::create_directories(startup_directory, ignored);
-  Descriptor lock(::open(lock_path, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
+  std::filesystem::create_directories(std::filesystem::path(gateway::update::lock_file).parent_path(), ignored);
+  Descriptor lock(::open(gateway::update::lock_file, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
   if (lock.valid() && ::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) return Descriptor();
   return lock;
 }

@@ -1,5 +1,6 @@
 #include "manifest.h"
 
+#include <sodium.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,29 +14,18 @@ namespace {
 constexpr std::size_t longest_list = std::size_t{4} * 1024 * 1024;
 constexpr std::size_t sum_digits = 2 * sizeof(Sum);
 
-int digit_value(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
 std::optional<Sum> parse_sum(std::string_view digits) {
   Sum sum{};
-  for (std::size_t i = 0; i < sum.size(); ++i) {
-    const int high = digit_value(digits[2 * i]);
-    const int low = digit_value(digits[2 * i + 1]);
-    if (high < 0 || low < 0) return std::nullopt;
-    sum[i] = static_cast<std::uint8_t>(high * 16 + low);
-  }
-  return sum;
+  std::size_t size = 0;
+  const int result = sodium_hex2bin(sum.data(), sum.size(), digits.data(), digits.size(), nullptr, &size, nullptr);
+  return result == 0 && size == sum.size() ? std::optional(sum) : std::nullopt;
 }
 
 // SUM, a blank, a blank or an asterisk, PATH.
 std::optional<Entry> parse_line(std::string_view line) {
   if (line.size() <= sum_digits + 2 || line[sum_digits] != ' ') return std::nullopt;
   if (line[sum_digits + 1] != ' ' && line[sum_digits + 1] != '*') return std::nullopt;
-  const auto sum = parse_sum(line);
+  const auto sum = parse_sum(line.substr(0, sum_digits));
   if (!sum) return std::nullopt;
   std::string_view path = line.substr(sum_digits + 2);
   // What "find ." gives to sha256sum begins like that.

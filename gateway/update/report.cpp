@@ -6,38 +6,22 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string_view>
 #include <system_error>
 
-#include "files.h"
+#include "descriptor.h"
+#include "local_time.h"
+#include "names.h"
 #include "service.h"
 
 namespace gateway::update {
 namespace {
 
-constexpr const char* state_path = "/quorvane/run/fota/state";
-constexpr const char* log_directory = "/quorvane/run/logger";
-constexpr const char* log_path = "/quorvane/run/logger/fota.log";
-constexpr const char* old_log_path = "/quorvane/run/logger/fota.log.1";
 constexpr off_t log_limit = off_t{128} * 1024;
 constexpr std::string_view final_words[] = {"done", "refused", "rolled-back", "failed"};
-
-std::string time_stamp() {
-  const auto now = std::chrono::system_clock::now();
-  const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
-  const auto milliseconds =
-      std::chrono::duration_cast<std::chrono::milliseconds>(now - std::chrono::system_clock::from_time_t(seconds));
-  std::tm local{};
-  ::localtime_r(&seconds, &local);
-  char text[64];
-  const std::size_t size = std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
-  std::snprintf(text + size, sizeof text - size, ".%03d", static_cast<int>(milliseconds.count()));
-  return text;
-}
 
 std::string one_line(std::string text) {
   std::replace_if(
@@ -55,15 +39,18 @@ void report_state(const std::string& word, const std::string& reason) {
 
 void report_note(const std::string& text) {
   std::error_code ignored;
-  std::filesystem::create_directories(log_directory, ignored);
+  std::filesystem::create_directories(std::filesystem::path(log_file).parent_path(), ignored);
   struct stat status {};
-  if (::stat(log_path, &status) == 0 && status.st_size > log_limit) (void)std::rename(log_path, old_log_path);
-  const Descriptor log(::open(log_path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0640));
-  if (log.valid()) (void)write_file(log.get(), time_stamp() + " " + one_line(text) + "\n");
+  if (::stat(log_file, &status) == 0 && status.st_size > log_limit) {
+    (void)std::rename(log_file, (std::string(log_file) + ".1").c_str());
+  }
+  const Descriptor log(::open(log_file, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0640));
+  const std::string line = local_time_ms(std::chrono::system_clock::now()) + " " + one_line(text) + "\n";
+  if (log.valid()) (void)write_all(log.get(), line);
 }
 
 bool is_state_final() {
-  std::ifstream file(state_path);
+  std::ifstream file(state_file);
   std::string word;
   file >> word;
   return std::find(std::begin(final_words), std::end(final_words), word) != std::end(final_words);

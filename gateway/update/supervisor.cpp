@@ -13,9 +13,11 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <string_view>
 #include <system_error>
+#include <utility>
 
-#include "service.h"
+#include "names.h"
 
 namespace gateway::update {
 namespace {
@@ -23,9 +25,6 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-constexpr const char* pid_file = "/quorvane/run/startup/quorvaned.pid";
-constexpr const char* name = "iot.gateway.quorvaned";
-constexpr const char* object = "/iot/gateway/quorvaned";
 constexpr auto look_again = 200ms;
 constexpr auto settling_time = 3s;
 // Longer than the five seconds of the supervisor's forced end.
@@ -34,7 +33,7 @@ constexpr auto kill_wait = 5s;
 
 // The process that holds the lock of the pid file, 0 for none.
 int lock_holder() {
-  const Descriptor file(::open(pid_file, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+  const Descriptor file(::open(supervisor_pid_file, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
   struct flock lock {};
   lock.l_type = F_WRLCK;
   lock.l_whence = SEEK_SET;
@@ -104,7 +103,7 @@ Supervisor::Found Supervisor::find(const std::string& root, std::optional<Superv
   Descriptor handle(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
   // Asked again behind the handle: now both mean the same process.
   if (!handle.valid() || lock_holder() != pid) return Found::none;
-  if (!runs(pid, root + "/bin/quorvaned")) return Found::foreign;
+  if (!runs(pid, root + supervisor_program)) return Found::foreign;
   supervisor.emplace(Supervisor(pid, std::move(handle)));
   return Found::ours;
 }
@@ -150,27 +149,19 @@ Supervisor::Comes Supervisor::wait_until_up(std::chrono::milliseconds time) cons
 
 // --- the bus ---------------------------------------------------------------------------------------------------------
 
-Bus::~Bus() {
-  if (connection_ == nullptr) return;
-  dbus_connection_close(connection_);
-  dbus_connection_unref(connection_);
-}
-
 // Takes the call. The reply, or null with `error` set.
 DBusMessage* Bus::ask(DBusMessage* call, DBusError* error) {
   constexpr int time_out_ms = 3000;
-  DBusMessage* reply = dbus_connection_send_with_reply_and_block(connection_, call, time_out_ms, error);
+  DBusMessage* reply = dbus_connection_send_with_reply_and_block(connection_.get(), call, time_out_ms, error);
   dbus_message_unref(call);
   return reply;
 }
 
 bool Bus::connect(std::string& problem) {
   DBusError error = DBUS_ERROR_INIT;
-  // A private connection: a shared one of libdbus ends the process when the bus goes away.
-  connection_ = dbus_connection_open_private(bus_address, &error);
+  connection_ = open_bus(&error);
   DBusMessage* reply = nullptr;
-  if (connection_ != nullptr) {
-    dbus_connection_set_exit_on_disconnect(connection_, FALSE);
+  if (connection_) {
     // The greeting by hand: libdbus would wait for its answer much longer.
     reply = ask(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, "Hello"), &error);
   }
@@ -184,7 +175,7 @@ bool Bus::connect(std::string& problem) {
 int Bus::supervisor_pid() {
   DBusMessage* call = dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS,
                                                    "GetConnectionUnixProcessID");
-  const char* owner = name;
+  const char* owner = supervisor_name;
   dbus_message_append_args(call, DBUS_TYPE_STRING, &owner, DBUS_TYPE_INVALID);
   DBusMessage* reply = ask(call, nullptr);
   dbus_uint32_t pid = 0;
@@ -196,7 +187,8 @@ int Bus::supervisor_pid() {
 
 Bus::Answer Bus::call(const char* member, std::string& problem) {
   DBusError error = DBUS_ERROR_INIT;
-  DBusMessage* reply = ask(dbus_message_new_method_call(name, object, name, member), &error);
+  DBusMessage* reply =
+      ask(dbus_message_new_method_call(supervisor_name, supervisor_object, supervisor_name, member), &error);
   if (reply != nullptr) {
     dbus_message_unref(reply);
     return Answer::yes;
@@ -211,10 +203,10 @@ Bus::Answer Bus::call(const char* member, std::string& problem) {
 
 bool Bus::wait_until_lost(std::chrono::milliseconds time) {
   const auto end = Clock::now() + time;
-  while (dbus_connection_get_is_connected(connection_)) {
+  while (dbus_connection_get_is_connected(connection_.get())) {
     const auto left = time_until(end);
     if (left == 0ms) return false;
-    (void)dbus_connection_read_write_dispatch(connection_, static_cast<int>(left.count()));
+    (void)dbus_connection_read_write_dispatch(connection_.get(), static_cast<int>(left.count()));
   }
   return true;
 }
@@ -246,7 +238,7 @@ namespace {
 }  // namespace
 
 bool launch(const std::string& root) {
-  const std::string program = root + "/bin/quorvaned";
+  const std::string program = root + supervisor_program;
   const pid_t child = ::fork();
   if (child == 0) become_launcher(program);
   while (child > 0 && ::waitpid(child, nullptr, 0) < 0 && errno == EINTR) {

@@ -8,7 +8,8 @@
 #include <optional>
 #include <string>
 
-#include "files.h"
+#include "bus_connection.h"
+#include "descriptor.h"
 
 namespace gateway::update {
 
@@ -54,11 +55,6 @@ class Supervisor {
 // A connection to the gateway's bus that tells when the bus goes away. Each step of it takes at most three seconds.
 class Bus {
  public:
-  Bus() = default;
-  ~Bus();
-  Bus(const Bus&) = delete;
-  Bus& operator=(const Bus&) = delete;
-
   // False when there is no bus; `problem` tells why. To be called once.
   [[nodiscard]] bool connect(std::string& problem);
 
@@ -79,7 +75,7 @@ class Bus {
  private:
   DBusMessage* ask(DBusMessage* call, DBusError* error);
 
-  DBusConnection* connection_ = nullptr;
+  BusConnection connection_;
 };
 
 // True when that process answers on the bus as the supervisor, and says how its services are.

@@ -4,7 +4,6 @@
 #include <sodium.h>
 #include <sys/stat.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -12,6 +11,7 @@
 
 #include "journal.h"
 #include "manifest.h"
+#include "temporary_directory.h"
 
 namespace {
 
@@ -31,9 +31,6 @@ std::string line_for(const std::string& path, const std::string& text) { return 
 class Update : public testing::Test {
  protected:
   void SetUp() override {
-    std::string name = (fs::temp_directory_path() / "update-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(name.data()), nullptr);
-    top = name;
     put(root() / "bin/tool", "old tool");
     put(root() / "config/settings", "old settings");
     put(root() / "config/untouched", "untouched");
@@ -44,7 +41,6 @@ class Update : public testing::Test {
     fs::permissions(update() / "config/settings", fs::perms(0640));
     before = installed();
   }
-  void TearDown() override { fs::remove_all(top); }
 
   [[nodiscard]] fs::path root() const { return top / "root"; }
   [[nodiscard]] fs::path update() const { return top / "update"; }
@@ -100,7 +96,8 @@ class Update : public testing::Test {
     return problem;
   }
 
-  fs::path top;
+  gateway::TemporaryDirectory temporary;
+  const fs::path& top = temporary.path();
   std::map<std::string, std::string> before;
   Plan plan;
   std::string problem;

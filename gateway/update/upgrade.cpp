@@ -11,8 +11,10 @@
 #include <thread>
 #include <vector>
 
+#include "files.h"
 #include "journal.h"
 #include "manifest.h"
+#include "names.h"
 #include "report.h"
 #include "supervisor.h"
 #include "update.h"
@@ -21,11 +23,6 @@ namespace gateway::update {
 namespace {
 
 using namespace std::chrono_literals;
-
-constexpr const char* waiting = "/quorvane/run/fota/update";
-constexpr const char* current = "/quorvane/run/fota/update.current";
-constexpr const char* refused = "/quorvane/run/fota/update.refused";
-constexpr const char* journal_path = "/quorvane/run/startup/fota.journal";
 
 // A teardown takes well below a second; the services are asked only once, and not all of them end as quickly.
 constexpr auto teardown_time = 15s;
@@ -48,9 +45,9 @@ void remove_tree(const char* path) {
 
 // The update stays to be looked at; the one before it goes.
 void set_update_aside() {
-  if (!exists(current)) return;
-  remove_tree(refused);
-  (void)std::rename(current, refused);
+  if (!exists(current_update)) return;
+  remove_tree(refused_update);
+  (void)std::rename(current_update, refused_update);
 }
 
 void refuse(const std::string& reason) {
@@ -187,7 +184,7 @@ void finish(const Plan& plan, const Journal& journal) {
   // Before the first old file goes: there is no way back from then on.
   if (!journal.reach(Phase::done, problem)) return roll_back(plan, journal, Revival::anew, problem);
   forget_old(plan);
-  remove_tree(current);
+  remove_tree(current_update);
   report_state("done");
   journal.end();
 }
@@ -233,22 +230,22 @@ void upgrade(const Plan& plan, const Journal& journal) {
 }  // namespace
 
 bool carry_out_update(const std::string& root) {
-  if (!exists(waiting)) return false;
-  remove_tree(current);
-  if (std::rename(waiting, current) != 0) return false;
+  if (!exists(waiting_update)) return false;
+  remove_tree(current_update);
+  if (std::rename(waiting_update, current_update) != 0) return false;
   report_state("verifying");
   std::string problem;
-  const auto entries = verify(current, problem);
+  const auto entries = verify(current_update, problem);
   const auto plan = entries ? make_plan(root, *entries, problem) : std::nullopt;
   if (!plan) {
     refuse(problem);
     return true;
   }
   report_state("copying");
-  const Journal journal(journal_path);
+  const Journal journal(journal_file);
   if (!journal.begin(*plan, problem)) {
     refuse(problem);
-  } else if (!stage(current, *entries, *plan, problem)) {
+  } else if (!stage(current_update, *entries, *plan, problem)) {
     journal.end();
     refuse(problem);
   } else {
@@ -276,11 +273,11 @@ void confirm_late(const Plan& plan, const Journal& journal) {
 
 void recover(const std::string& root) {
   constexpr const char* interrupted = "it was interrupted";
-  const Journal journal(journal_path);
+  const Journal journal(journal_file);
   Journal::Content content;
   const auto state = journal.read(content);
   if (state == Journal::State::missing) {
-    if (exists(current)) refuse(interrupted);
+    if (exists(current_update)) refuse(interrupted);
     return;
   }
   if (state == Journal::State::damaged || content.plan.root != root) {

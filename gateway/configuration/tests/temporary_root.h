@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -15,6 +14,7 @@
 #include <vector>
 
 #include "key_chain.h"
+#include "temporary_directory.h"
 
 namespace gateway {
 
@@ -22,16 +22,7 @@ class TemporaryRoot {
  public:
   TemporaryRoot() {
     if (sodium_init() < 0) throw std::runtime_error("sodium_init");
-    std::string pattern = (std::filesystem::temp_directory_path() / "configuration-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp");
-    path_ = pattern;
   }
-  ~TemporaryRoot() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  TemporaryRoot(const TemporaryRoot&) = delete;
-  TemporaryRoot& operator=(const TemporaryRoot&) = delete;
 
   [[nodiscard]] const std::string& path() const { return path_; }
   [[nodiscard]] std::string store() const { return path_ + "/config-manager"; }
@@ -69,7 +60,8 @@ class TemporaryRoot {
   }
 
  private:
-  std::string path_;
+  TemporaryDirectory directory_;
+  std::string path_ = directory_.path().string();
 };
 
 }  // namespace gateway
