@@ -6,7 +6,7 @@ supervisors. Without a name: everything, which takes up to half an hour. Names:
 {names}
 
   --quick   seconds instead of minutes for each; fewer repetitions, so wider spreads
-  --resume  do not measure again what was measured at this commit: results are kept in build-bench-results/
+  --resume  do not measure again what was measured of the same sources: results are kept in build-bench-results/
   --record  write all results that are kept, of thorough runs, into docs/performance.md
   --list    only the names, one on a line
 
@@ -35,7 +35,7 @@ def measure(measurements, names, quick, resume):
     made, failed = [], False
     for name in names:
         result = results.kept(name) if resume else None
-        if not results.is_fresh(result, quick):
+        if not results.is_fresh(result, measurements[name], quick):
             print(f"{name} ...", file=sys.stderr, flush=True)
             try:
                 result = results.measure(measurements[name], quick)

@@ -11,8 +11,8 @@ from gateway import REPOSITORY
 from table import Chart, Row
 
 FOLDER = os.path.join(REPOSITORY, "build-bench-results")
-# What a measurement depends on. A change elsewhere makes no result stale.
-SOURCES = ("platform", "service", "gateway/bus", "benchmark", "cmake", "CMakeLists.txt")
+# What every measurement depends on, beside its own module. A change elsewhere makes no result stale.
+SOURCES = ("platform", "service", "gateway/bus", "benchmark/programs", "cmake", "CMakeLists.txt")
 
 
 @dataclasses.dataclass
@@ -35,11 +35,12 @@ def output(*arguments):
     return ended.stdout.strip()
 
 
-def commit():
-    """The last commit that changed what is measured, or what measures."""
+def commit(measurement):
+    """The last commit that changed what is measured, or what measures it."""
+    sources = (*SOURCES, f"benchmark/harness/{measurement.run.__module__}.py")
     git = ("git", "-c", f"safe.directory={REPOSITORY}")
-    name = output(*git, "log", "-1", "--format=%h", "--", *SOURCES) or "unknown"
-    return name + (" with changes" if output(*git, "status", "--porcelain", "--", *SOURCES) else "")
+    name = output(*git, "log", "-1", "--format=%h", "--", *sources) or "unknown"
+    return name + (" with changes" if output(*git, "status", "--porcelain", "--", *sources) else "")
 
 
 def field(path, name, separator):
@@ -64,8 +65,9 @@ def machine():
 def measure(measurement, quick):
     """Measure, and keep the result."""
     load_before = os.getloadavg()[0]
+    commit_before = commit(measurement)  # what was built, whatever is committed meanwhile
     made = list(measurement.run(quick))
-    result = Result(measurement.name, commit(), quick,
+    result = Result(measurement.name, commit_before, quick,
                     datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d %H:%M UTC"),
                     f"{load_before:.1f} before, {os.getloadavg()[0]:.1f} after",
                     [item for item in made if isinstance(item, Row)],
@@ -90,7 +92,7 @@ def kept(name):
         return None  # of no use, or of an earlier form: it is measured again
 
 
-def is_fresh(result, quick):
+def is_fresh(result, measurement, quick):
     """The result is of the sources as they are, and as thorough as asked for."""
-    return result is not None and result.commit == commit() and "changes" not in result.commit and \
+    return result is not None and result.commit == commit(measurement) and "changes" not in result.commit and \
         (quick or not result.quick)
