@@ -1,4 +1,4 @@
-"""What comes over the bus, and the start of services that take a name: beside programs that use libdbus and nothing else."""
+"""What comes over the bus, and the start of services that take a name: beside programs of libdbus and nothing else."""
 
 import os
 import statistics
@@ -54,7 +54,8 @@ def round_trips(gateway, pairs, pause_us, within):
     return ours, bare
 
 
-@measurement("report", "the round trip of get_le_status, quiet and under a flood", "a service that answers with a constant")
+@measurement("report", "the round trip of get_le_status, quiet and under a flood",
+             "a service that answers with a constant")
 def report(quick):
     """get_le_status, quiet and under a flood of keep-alives."""
     yield from report_of(20, quick)

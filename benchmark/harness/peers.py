@@ -23,7 +23,7 @@ def path_of(name):
 
 
 def show_at_home():
-    """In a process of its own, before it executes: the unpacked programs are seen in /usr/bin, among the machine's own."""
+    """In a process that is to execute: the unpacked programs are seen in /usr/bin, among the machine's own."""
     libc = ctypes.CDLL(None, use_errno=True)
     layers = f"lowerdir={PROGRAMS}:/usr/bin".encode()
     if libc.unshare(CLONE_NEWNS) or libc.mount(b"", b"/", b"", ctypes.c_ulong(MS_REC | MS_PRIVATE), None) or \
@@ -236,10 +236,11 @@ class Monit(Peer):
 
     def prepare(self):
         lines = ["set daemon 1", f"set pidfile {self.place}/pid", f"set statefile {self.place}/state",
-                 f"set idfile {self.place}/id", "set httpd unixsocket /tmp/peer-monit/socket allow user:word"]
+                 f"set idfile {self.place}/id", f"set httpd unixsocket {self.place}/socket allow user:word"]
         for number in range(self.count):
-            lines += [f"check process slot{number:04} with pidfile {self.place}/pid-{number}",
-                      f'  start program = "{program("slot_service")} {self.slots.path} {number} {self.place}/pid-{number}"']
+            pid_file = f"{self.place}/pid-{number}"
+            lines += [f"check process slot{number:04} with pidfile {pid_file}",
+                      f'  start program = "{program("slot_service")} {self.slots.path} {number} {pid_file}"']
         with open(f"{self.place}/conf", "w", encoding="ascii") as file:
             file.write("\n".join(lines) + "\n")
         os.chmod(file.name, 0o600)

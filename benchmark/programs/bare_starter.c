@@ -30,8 +30,8 @@ static pid_t start(const char* program, const char* file, int number) {
 
 int main(int argc, char** argv) {
   if (argc != 5) return 2;
-  const int count = atoi(argv[1]);
-  const int signal_number = atoi(argv[4]);
+  const int count = (int)strtol(argv[1], NULL, 10);
+  const int signal_number = (int)strtol(argv[4], NULL, 10);
   pid_t* pids = calloc((size_t)count + 1, sizeof *pids);
   if (pids == NULL) return 1;
   for (int number = 0; number < count; ++number) pids[number] = start(argv[2], argv[3], number);

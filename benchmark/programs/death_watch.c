@@ -13,7 +13,7 @@
 
 int main(int argc, char** argv) {
   if (argc != 3) return 2;
-  const int count = atoi(argv[1]);
+  const int count = (int)strtol(argv[1], NULL, 10);
   const int file = open(argv[2], O_RDONLY);
   const int watch = epoll_create1(0);
   for (int number = 0; number < count; ++number) {

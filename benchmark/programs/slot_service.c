@@ -1,7 +1,7 @@
 // usage: slot_service [FILE SLOT [PID_FILE]]
-// Writes the moment of its own first instructions, in nanoseconds of the monotonic clock, and its pid into its slot of FILE,
-// and waits for its end. Supervisors that give a program no arguments set SLOTS to the file, and start it in a directory
-// whose name is the slot's number. With PID_FILE it goes to the background, as those want it that look for
+// Writes the moment of its own first instructions, in nanoseconds of the monotonic clock, and its pid into its slot of
+// FILE, and waits for its end. Supervisors that give a program no arguments set SLOTS to the file, and start it in a
+// directory whose name is the slot's number. With PID_FILE it goes to the background, as those want it that look for
 // services by such files.
 #include <fcntl.h>
 #include <stdio.h>
