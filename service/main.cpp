@@ -44,8 +44,8 @@ using namespace Component;
 
 namespace {
 
-constexpr int32_t exit_failure = -1;  // 255 for the shell
-constexpr int64_t serve_wait_ms = 1000;
+constexpr int32_t exit_failure = -1;       // 255 for the shell
+constexpr int64_t serve_wait_ms = 60'000;  // nothing is known to need it: deaths and requests end the wait
 constexpr int64_t stop_pause_ms = 3000;
 constexpr uint32_t backstop_s = 8;  // longer than any orderly end takes
 constexpr size_t alternate_stack_size = size_t{64} * 1024;

@@ -23,6 +23,8 @@ constexpr mode_t bus_directory_mode = 0755;
 constexpr int32_t config_timeout_ms = 3000;
 constexpr int32_t lowest_signalled_pid = 2;  // 0 is the own process group, 1 is init
 
+constexpr const char* scene = "scene";
+
 // These two are left running when the daemon dies: an update or a remote session must not end with it.
 bool outlives_daemon(std::string_view process_name) {
   return process_name == "fota" || process_name == "RemoteTerminalDaemon";
@@ -45,7 +47,7 @@ CSpawnPlan common_plan(const std::string& exec, const std::list<std::string>& ar
 CServiceControl::CServiceControl(CDBusChannel* channel, CConfigAgent* agent)
     : start_handlers{{"dbus-daemon", [this](ServiceRecord* record) { return start_dbus_daemon(record); }},
                      {"nginx", [this](ServiceRecord* record) { return start_ngnix_service(record); }},
-                     {"scene", [this](ServiceRecord* record) { return start_scene_service(record); }}},
+                     {scene, [this](ServiceRecord* record) { return start_scene_service(record); }}},
       stop_handlers{{"dbus-daemon", [this](ServiceRecord* record, bool force) { stop_dbus_daemon(record, force); }},
                     {"startSC.sh", [this](ServiceRecord* record, bool force) { stop_scene_service(record, force); }}},
       watchdog_channel(channel),
@@ -69,6 +71,8 @@ void CServiceControl::start_service(ServiceRecord* record) {
     (void)start_common_service(record);
   }
 }
+
+bool CServiceControl::start_can_wait(const ServiceRecord* record) const { return record->exec == scene; }
 
 void CServiceControl::stop_service(ServiceRecord* record, bool force) {
   {
@@ -189,7 +193,7 @@ int32_t CServiceControl::start_scene_service(ServiceRecord* record) {
   // Read anew at every start, so that a restart picks up a changed switch. A failed read leaves it off.
   std::string ha_switch;
   (void)config_agent->get_config("gw_ha_service_switch", ha_switch, config_timeout_ms);
-  CSpawnPlan plan = common_plan("scene", record->args);
+  CSpawnPlan plan = common_plan(scene, record->args);
   plan.add_argument(ha_switch == "on" ? "-level=1" : "-level=0");
   return start_process(record, plan).pid;
 }

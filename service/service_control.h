@@ -19,8 +19,8 @@ class CDBusChannel;
 // States of a record as seen here: started (`status` 0, `pid` > 0 or 0 after a failed fork) and stopped (`status` -1,
 // `pid` 0). Both operations empty the keep-alive table.
 //
-// Context of every operation, unless it says otherwise: controller thread, monitor thread, or the main thread's forced
-// exit; no lock of a record may be held.
+// Context of every operation, unless it says otherwise: controller thread, monitor thread, the main thread on behalf of
+// the controller, or the main thread's forced exit; no lock of a record may be held.
 class CServiceControl {
  public:
   // Neither pointer is owned. `watchdog_channel` is kept and not used here.
@@ -32,6 +32,10 @@ class CServiceControl {
   // Starts the service, by its special starter when its `exec` has one. When it returns, `pid` has been stored by the
   // main thread: 0 after a failed fork, and 0 again when the process has already ended.
   void start_service(ServiceRecord* record);
+
+  // True when start_service may wait for another process's answer, as the scene service's start does: such a start is
+  // not for the main thread.
+  [[nodiscard]] bool start_can_wait(const ServiceRecord* record) const;
 
   // Stops the service, by its special stopper when its `exec` has one, else by SIGKILL (`force`) or SIGTERM. It does
   // not wait for the process to end.

@@ -156,11 +156,26 @@ void CServiceManager::stop_dbus_daemon() {
 }
 
 void CServiceManager::run_services() {
-  for (ServiceRecord* record : services) {
-    if (!still_running()) return;
-    print_progress("running " + record->exec + " service");
-    service_control->start_service(record);
-    wait_for_start(record);
+  auto next = services.begin();
+  const auto start_next = [&] {
+    print_progress("running " + (*next)->exec + " service");
+    service_control->start_service(*next);
+    return *next++;
+  };
+  const auto can_go_on = [&] { return next != services.end() && still_running(); };
+  const auto needs_no_wait = [&] {
+    return (*next)->dbus_name.empty() && delay_steps((*next)->delay) == 0 && !service_control->start_can_wait(*next);
+  };
+  while (can_go_on()) {
+    if (!needs_no_wait()) {
+      wait_for_start(start_next());
+      continue;
+    }
+    // A row of those is started by the main thread alone: two changes of thread for each would take longer than the rest.
+    CProcessHost::instance().run_steps([&] {
+      start_next();
+      return can_go_on() && needs_no_wait();
+    });
   }
 }
 

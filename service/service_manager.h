@@ -55,7 +55,7 @@ class CServiceManager : public CThread {
   void stop_dbus_daemon();
 
   // Starts every service in table order, each waited for by its bus name (5 s at most) or its delay.
-  // Context: controller thread.
+  // Context: controller thread; the main thread starts those that are not waited for, meanwhile.
   void run_services();
 
   // Closes the progress descriptor, so that the launcher sees the end, and starts the monitor.

@@ -31,21 +31,19 @@ std::atomic<bool> is_worth_waiting{true};
 // on this very thread; one that has been waited for in vain is not waited for again. Without the lock a line is still
 // one write.
 void lock_log(int fd) noexcept {
-  constexpr int32_t attempts = 1000;  // at least 0.1 s: on a busy machine the holder waits for its turn
+  constexpr int32_t quick_attempts = 50;   // a line takes some microseconds
+  constexpr int32_t slow_attempts = 1000;  // at least 0.1 s: on a busy machine the holder waits for its turn
   constexpr timespec pause{0, 100'000};
-  int32_t left = is_worth_waiting ? attempts : 1;
-  while (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
-    if (--left == 0) {
+  const int32_t attempts = is_worth_waiting ? quick_attempts + slow_attempts : 1;
+  for (int32_t attempt = 1; ::flock(fd, LOCK_EX | LOCK_NB) != 0; ++attempt) {
+    if (attempt >= attempts) {
       is_worth_waiting = false;
       return;
     }
-    (void)::nanosleep(&pause, nullptr);
+    if (attempt > quick_attempts) (void)::nanosleep(&pause, nullptr);
   }
   is_worth_waiting = true;
 }
-
-// Not by closing: a child that was forked meanwhile has the descriptor too.
-void unlock_log(int fd) noexcept { (void)::flock(fd, LOCK_UN); }
 
 // What a full disk takes of a line only in part is taken back, since the next line would go on where that ends: but
 // nothing that somebody without the lock has added since.
@@ -78,8 +76,7 @@ void append_startup_log(std::string_view line) noexcept {
     if (status.st_size > size_limit) (void)!::ftruncate(fd, 0);  // else it grows on
     write_whole(fd, line);
   }
-  unlock_log(fd);
-  (void)::close(fd);
+  (void)::close(fd);  // unlocked by that: a child that begins meanwhile closes all that it has at once
 }
 
 }  // namespace Tessaro::Iot::Component

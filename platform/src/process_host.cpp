@@ -28,9 +28,7 @@
 namespace Tessaro::Iot::Component {
 
 struct CProcessHost::Request {
-  const CSpawnPlan& plan;
-  const StartedHandler& on_started;
-  ProcessRef result{};
+  const Step& step;
   bool done = false;
 };
 
@@ -63,14 +61,26 @@ bool CProcessHost::on_host_thread() const {
 }
 
 ProcessRef CProcessHost::spawn(const CSpawnPlan& plan, const StartedHandler& on_started) {
-  if (on_host_thread()) return fork_and_store(plan, on_started);
-  Request request{plan, on_started};
+  ProcessRef started;
+  run_steps([&] {
+    started = fork_and_store(plan, on_started);
+    return false;
+  });
+  return started;
+}
+
+void CProcessHost::run_steps(const Step& step) {
+  if (on_host_thread()) {
+    while (step()) {
+    }
+    return;
+  }
+  Request request{step};
   std::unique_lock lock(mutex_);
   requests_.push_back(&request);
   const uint64_t one = 1;
   (void)!::write(request_event_.get(), &one, sizeof one);  // full: the host is awake already
   served_.wait(lock, [&request] { return request.done; });
-  return request.result;
 }
 
 ProcessRef CProcessHost::fork_and_store(const CSpawnPlan& plan, const StartedHandler& on_started) {
@@ -145,7 +155,7 @@ void CProcessHost::wait_until_ended(ProcessRef process, int64_t timeout_ms) {
 }
 
 void CProcessHost::serve(int64_t timeout_ms, const EndedHandler& on_ended) {
-  serve_requests();
+  bool more = serve_requests();
   int32_t pid = 0;
   int32_t raw_status = 0;
   while (sys::peek_ended_child(pid, raw_status)) {
@@ -155,23 +165,29 @@ void CProcessHost::serve(int64_t timeout_ms, const EndedHandler& on_ended) {
       children_.erase(pid);
       sys::reap_child(pid);
     }
-    serve_requests();  // a start does not wait behind a burst of deaths
+    more = serve_requests();  // a start does not wait behind a burst of deaths
   }
-  wait_for_event(timeout_ms);
+  if (more) {
+    // Without descriptors: one that is ready would keep a pending signal waiting.
+    (void)SignalWindow::poll(nullptr, 0, 0);
+  } else {
+    wait_for_event(timeout_ms);
+  }
 }
 
-void CProcessHost::serve_requests() {
+// Returns true when a request has more steps: they come after a look at deaths and signals.
+bool CProcessHost::serve_requests() {
   std::unique_lock lock(mutex_);
   while (!requests_.empty()) {
     Request* const request = requests_.front();
-    requests_.pop_front();
     lock.unlock();
-    const ProcessRef process = fork_and_store(request->plan, request->on_started);
+    if (request->step()) return true;
     lock.lock();
-    request->result = process;
+    requests_.pop_front();
     request->done = true;
     served_.notify_all();
   }
+  return false;
 }
 
 void CProcessHost::wait_for_event(int64_t timeout_ms) {

@@ -31,6 +31,7 @@ class CProcessHost {
  public:
   using StartedHandler = TFunction1<void, ProcessRef>;
   using EndedHandler = TFunction2<void, int32_t, int32_t>;  // pid and raw status of wait(2)
+  using Step = TFunction0<bool>;
 
   // The host of this process, created at the first call and never destroyed.
   // Context: any thread.
@@ -53,6 +54,11 @@ class CProcessHost {
   // Context: any thread; the signal handler on the main thread. Another thread waits for the main thread, and must hold
   // no lock that `on_started`, or the handler of `serve`, takes.
   ProcessRef spawn(const CSpawnPlan& plan, const StartedHandler& on_started);
+
+  // Has the forking thread run `step` again and again until it returns false, and look at deaths and signals after each:
+  // who starts many children in a row need not change the thread for each of them. Returns when the last step is done.
+  // Context: as for `spawn`, which a step may call; a step must not wait.
+  void run_steps(const Step& step);
 
   // Takes over the process `pid`, which need not be a child, by its open handle (pidfd).
   // Returns a reference that `signal` understands; release it with `forget`.
@@ -81,8 +87,8 @@ class CProcessHost {
   // Context: main thread, and the signal handler on it.
   void wait_until_ended(ProcessRef process, int64_t timeout_ms);
 
-  // One turn of the main loop: carries out the waiting starts, then hands every ended child to `on_ended` and reaps it,
-  // then waits for the next start or death, at most `timeout_ms` milliseconds, with the signal window open.
+  // One turn of the main loop: carries out what was asked for, then hands every ended child to `on_ended` and reaps it,
+  // then waits for the next request or death, at most `timeout_ms` milliseconds, with the signal window open.
   // Context: main thread.
   void serve(int64_t timeout_ms, const EndedHandler& on_ended);
 
@@ -92,7 +98,7 @@ class CProcessHost {
   bool on_host_thread() const;
   bool is_child(ProcessRef process) const;  // with the lock held
   ProcessRef fork_and_store(const CSpawnPlan& plan, const StartedHandler& on_started);
-  void serve_requests();
+  bool serve_requests();
   void wait_for_event(int64_t timeout_ms);
 
   std::mutex mutex_;  // guards the four below

@@ -71,6 +71,60 @@ TEST_F(ProcessHostThreads, AStartIsServedAtOnceWhileAllChildrenLive) {
   EXPECT_TRUE(serve_until([&] { return deaths_.size() == 1; }));
 }
 
+TEST_F(ProcessHostThreads, StepsRunOnTheMainThreadOneAfterTheOther) {
+  constexpr int many = 100;
+  int steps = 0;
+  int elsewhere = 0;
+  std::atomic<int> steps_at_return{0};
+  std::thread starter([&, host_thread = std::this_thread::get_id()] {
+    host_.run_steps([&] {
+      if (std::this_thread::get_id() != host_thread) ++elsewhere;
+      (void)host_.spawn(plan_of("/nonexistent"), nullptr);
+      return ++steps < many;
+    });
+    steps_at_return = steps;
+  });
+  EXPECT_TRUE(serve_until([&] { return deaths_.size() == many; }));
+  EXPECT_TRUE(serve_until([&] { return steps_at_return > 0; }));
+  starter.join();
+  EXPECT_EQ(steps_at_return, many);
+  EXPECT_EQ(elsewhere, 0);
+}
+
+// They go on until both have been seen.
+TEST_F(ProcessHostThreads, DeathsAndSignalsAreSeenBetweenSteps) {
+  static std::atomic<bool> handled{false};
+  handled = false;
+  ASSERT_NE(::signal(SIGUSR1, [](int) { handled = true; }), SIG_ERR);
+  std::thread main_thread([&] {
+    sigset_t signals;
+    sigset_t before;
+    (void)::sigemptyset(&signals);
+    (void)::sigaddset(&signals, SIGUSR1);
+    ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, &signals, &before), 0);
+    SignalWindow::open_on_this_thread(before);
+    CProcessHost host;
+    ASSERT_TRUE(host.bind_to_this_thread());
+    bool died = false;
+    std::atomic<bool> done{false};
+    std::thread starter([&, main = ::pthread_self()] {
+      (void)host.spawn(plan_of("/nonexistent"), nullptr);
+      (void)::pthread_kill(main, SIGUSR1);
+      host.run_steps([&] { return !(died && handled); });
+      done = true;
+    });
+    EXPECT_TRUE(test::wait_until(
+        [&] {
+          host.serve(20, [&](int32_t, int32_t) { died = true; });
+          return done.load();
+        },
+        std::chrono::seconds(60)));
+    starter.join();
+  });
+  main_thread.join();
+  ASSERT_NE(::signal(SIGUSR1, SIG_DFL), SIG_ERR);
+}
+
 TEST_F(ProcessHostThreads, AChildOutlivesTheThreadThatAskedForIt) {
   CSpawnPlan plan = plan_of("/bin/sleep", {"60"});
   plan.parent_death_signal = SIGKILL;
