@@ -1,5 +1,6 @@
 """Results of long forms: kept in build-chaos, and worth something as long as what was tried is what would be tried."""
 
+import ast
 import glob
 import hashlib
 import inspect
@@ -11,29 +12,86 @@ from row import Figure
 
 TOP = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 DIRECTORY = os.path.join(TOP, "build-chaos")
-# What the daemon is made of. Documents, tests and the gateway's services may change without a new run.
-SOURCES = ("service", "platform", "interfaces", "cmake", "CMakeLists.txt")
+# What the daemon is made of, and what every row tries it with. Documents, other tests and the gateway's services may
+# change without a new run.
+SOURCES = ("service", "platform", "interfaces", "cmake", "CMakeLists.txt", "gateway/bus/mbusd.conf", "chaos/preload",
+           "chaos/programs", "tests/system/harness", "tests/system/services", "scripts/private-root")
+# What a row runs beside its own file, what that imports, and the above. Not the corpus: fuzzing adds to it.
+ALSO = {"hostile-text": ("scripts/fuzz", "tests/fuzz/*.*"),
+        "races": ("scripts/test", "tests/tsan.supp", "tests/unit", "tests/fuzz/*.*", "tests/system/*.py",
+                  *(f"chaos/rows/{name}.py" for name in ("deaths", "signals", "floods")))}
+
+
+def files_of(patterns):
+    """The files that are meant by paths of files and directories, as paths of the repository."""
+    found = set()
+    for path in (path for pattern in patterns for path in glob.glob(pattern, root_dir=TOP)):
+        if os.path.isfile(os.path.join(TOP, path)):
+            found.add(path)
+        for directory, _, names in os.walk(os.path.join(TOP, path)):
+            if os.path.basename(directory) != "__pycache__":
+                found.update(os.path.relpath(os.path.join(directory, name), TOP) for name in names)
+    return found
+
+
+def modules_of(path, found):
+    """Add a Python file of chaos/, and those that it imports, to what was found."""
+    if path in found:
+        return found
+    found.add(path)
+    with open(os.path.join(TOP, path), encoding="utf-8") as file:
+        tree = ast.parse(file.read())
+    for node in ast.walk(tree):
+        names = []
+        if isinstance(node, ast.ImportFrom):
+            names = [("rows." if node.level else "") + (node.module or "")]
+        elif isinstance(node, ast.Import):
+            names = [alias.name for alias in node.names]
+        for name in names:
+            imported = f"chaos/{name.replace('.', '/')}.py"
+            if os.path.isfile(os.path.join(TOP, imported)):
+                modules_of(imported, found)
+    return found
 
 
 def git(*words):
-    """What git says of the sources; nothing when it fails, as it does where there is no repository."""
-    done = subprocess.run(["git", *words, "--", *SOURCES], cwd=TOP, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
-                          text=True, errors="backslashreplace", check=False)
+    """What git says; nothing when it fails, as it does where there is no repository."""
+    done = subprocess.run(["git", *words], cwd=TOP, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True,
+                          errors="backslashreplace", check=False)
     return done.stdout.strip()
 
 
 class Tried:
-    """What is tried: the sources as they are when this is made, which is before the rows run."""
+    """What is tried: the files as they are when they are first asked for, which is before the row runs."""
 
     def __init__(self):
-        changes = git("status", "--porcelain")
-        self.commit = (git("log", "-1", "--format=%h") or "unknown") + (" with changes" if changes else "")
-        self._state = "\n".join((self.commit, changes, git("diff", "HEAD")))
+        self._sources = {}
+        self._sums = {}
+
+    def _of(self, row):
+        """The files that a row's result depends on."""
+        if row.name not in self._sources:
+            own = os.path.relpath(inspect.getsourcefile(row.body), TOP)
+            self._sources[row.name] = sorted(files_of((*SOURCES, *ALSO.get(row.name, ()))) | modules_of(own, set()))
+        return self._sources[row.name]
+
+    def _sum(self, path):
+        """What a file's content comes to."""
+        if path not in self._sums:
+            with open(os.path.join(TOP, path), "rb") as file:
+                self._sums[path] = hashlib.sha256(file.read()).hexdigest()
+        return self._sums[path]
+
+    def commit(self, row):
+        """The last commit to those files."""
+        changes = git("status", "--porcelain", "--", *self._of(row))
+        return ((git("log", "-1", "--format=%h", "--", *self._of(row)) or "unknown")
+                + (" with changes" if changes else ""))
 
     def mark(self, row):
-        """A text that is another one when the sources or the row's own file have changed."""
-        with open(inspect.getsourcefile(row.body), "rb") as file:
-            return hashlib.sha256(self._state.encode() + b"\0" + file.read()).hexdigest()
+        """A text that is another one when any of those files is another one."""
+        text = "\n".join(f"{path} {self._sum(path)}" for path in self._of(row))
+        return hashlib.sha256(text.encode()).hexdigest()
 
 
 def label(row, seed):
@@ -67,8 +125,8 @@ def save(name, result):
 
 
 def is_fresh(result, mark):
-    """Whether it tells about what would be tried now."""
-    return result is not None and result.get("mark") == mark
+    """Whether it tells about what would be tried now, and to the end."""
+    return state(result, mark) in ("met", "not met")
 
 
 def figures(result):
@@ -80,6 +138,10 @@ def state(result, mark):
     """How a row stands."""
     if result is None:
         return "not run"
-    if not is_fresh(result, mark):
+    if result.get("mark") != mark:
         return "stale"
+    if result.get("skipped"):
+        return "skipped"
+    if not result.get("finished"):
+        return "not finished"
     return "met" if all(figure.met for figure in figures(result)) else "not met"

@@ -3,15 +3,16 @@
 usage: scripts/chaos [--long] [--again] [--seed N] [--amount N] [--record] [ROW...]
        scripts/chaos --list
 
-  --long    the long form, at most twenty minutes a row and seed; what has been done on this state of the daemon's
-            sources and of the row is not done again
+  --long    the long form, at most twenty minutes a row and seed; what has been done to its end on this state of the
+            daemon's sources and of the row is not done again
   --again   ... but now it is
   --seed N  begin all chance with this number; else with the time, or with each of the row's own seeds in the long form
   --amount N  do so much instead; such a result is not kept
   --record  write the results of the long form that are kept into docs/reliability.md
-  --list    name the rows, and tell how their long forms stand: met, not met, stale (of other sources), not run
+  --list    name the rows, and tell how their long forms stand: met, not met, stale (of other sources), not finished,
+            skipped, not run
 
-Exit status: 0 when every goal was met, else 1.
+Exit status: 0 when every goal was met and, with --record, every row has a result of these sources; else 1.
 """
 
 import datetime
@@ -56,14 +57,15 @@ def run(row, form, amount, seed, stage, tried):
             return [], str(reason)
         return [vars(figure) for figure in figures], None
 
-    begin, mark = time.monotonic(), tried.mark(row)
+    begin, mark, commit, finished = time.monotonic(), tried.mark(row), tried.commit(row), True
     try:
         figures, skipped = body() if row.outside else sandbox.run_inside(body, keep=[stage], limit=row.limits[form],
                                                                          sizes=row.sizes)
     except (sandbox.Broken, AssertionError) as error:
         figures, skipped = [vars(Figure(f"not finished: {error}", 0, None, "finished", False))], None
-    return {"figures": figures, "skipped": skipped, "seconds": round(time.monotonic() - begin), "seed": seed,
-            "commit": tried.commit, "mark": mark, "machine": machine(),
+        finished = False
+    return {"figures": figures, "skipped": skipped, "finished": finished, "seconds": round(time.monotonic() - begin),
+            "seed": seed, "commit": commit, "mark": mark, "machine": machine(),
             "date": datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d %H:%M UTC")}
 
 
@@ -81,34 +83,48 @@ def show(row, result):
 def listed():
     """The rows, and how their long forms stand."""
     tried = kept.Tried()
-    return "\n".join(f"{label:20} {kept.state(kept.load(label), tried.mark(row)):8} {row.fault}"
+    return "\n".join(f"{label:20} {kept.state(kept.load(label), tried.mark(row)):12} {row.fault}"
                      for row in ROWS.values() for label in kept.labels(row))
 
 
-def line(row, label, result):
+def cell(text):
+    """A text that may come from anywhere, within a cell of the table."""
+    return " ".join(text.split()).replace("|", "\\|")
+
+
+def line(row, label, result, state):
     """A line of the page's table."""
     fault = row.fault + (f" ({label.removeprefix(row.name + '-')})" if row.seeds else "")
     if result is None:
         return f"| {fault} | {row.how} | not run yet | | | |"
     figures = kept.figures(result)
-    return (f"| {fault} | {row.how} | {'<br>'.join(figure.text() for figure in figures)} | "
+    shown = [cell(figure.text()) for figure in figures] or [cell(f"skipped: {result['skipped']}")]
+    old = f"**stale**, of commit {result['commit']}<br>" if state == "stale" else ""
+    return (f"| {fault} | {row.how} | {old}{'<br>'.join(shown)} | "
             f"{'<br>'.join(figure.goal for figure in figures)} | "
             f"{'<br>'.join('yes' if figure.met else '**no**' for figure in figures)} | "
-            f"{result['date']}, {result['seconds']} s, seed {result['seed']}, commit {result['commit']} |")
+            f"{result['date']}, {result['seconds']} s, seed {result['seed']}, commit {result['commit']}, "
+            f"{result['machine']} |")
 
 
 def record():
-    """Write the kept results into the page."""
-    results = [(row, label, kept.load(label)) for row in ROWS.values() for label in kept.labels(row)]
-    lines = ["| fault | how | result | goal | met | run |", "|---|---|---|---|---|---|"]
-    lines += [line(*one) for one in results]
-    machines = sorted({result["machine"] for *_, result in results if result})
-    lines += ["", "Machine: " + "; ".join(machines)] if machines else []
+    """Write the kept results into the page; give whether every row has one of these sources."""
+    tried = kept.Tried()
+    lines, states = ["| fault | how | result | goal | met | run |", "|---|---|---|---|---|---|"], {}
+    for row in ROWS.values():
+        for label in kept.labels(row):
+            result = kept.load(label)
+            states[label] = kept.state(result, tried.mark(row))
+            lines.append(line(row, label, result, states[label]))
     with open(PAGE, encoding="utf-8") as file:
         text = file.read()
     head, _, rest = text.partition(BEGIN)
     with open(PAGE, "w", encoding="utf-8") as file:
         file.write(f"{head}{BEGIN}\n\n" + "\n".join(lines) + f"\n\n{END}{rest.partition(END)[2]}")
+    missing = {label: state for label, state in states.items() if state not in ("met", "not met")}
+    for label, state in missing.items():
+        print(f"{label}: {state}", file=sys.stderr)
+    return not missing
 
 
 def run_all(names, form, amount, again, seed):
@@ -122,7 +138,7 @@ def run_all(names, form, amount, again, seed):
             for one in [seed] if seed or form == "short" or not row.seeds else row.seeds:
                 label = kept.label(row, one)
                 result = kept.load(label) if keeps and not again else None
-                if not kept.is_fresh(result, tried.mark(row)):
+                if not kept.is_fresh(result, tried.mark(row)) or seed not in (0, result["seed"]):
                     print(f"{label} ...", file=sys.stderr, flush=True)
                     result = run(row, form, amount, one or int(time.time()), stage, tried)
                     if keeps:
@@ -155,7 +171,7 @@ def main():
         met = run_all(names, "long" if "--long" in options else "short", numbers["--amount"], "--again" in options,
                       numbers["--seed"])
     if "--record" in options:
-        record()
+        met = record() and met
     return 0 if met else 1
 
 
