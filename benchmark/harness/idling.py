@@ -16,7 +16,7 @@ MOST_CPU_MS = {20: 5, 500: 15}  # in a minute
 MOST_GAINED_KIB = 0
 MOST_PSS = 1.25
 MOST_PER_SERVICE_KIB = 4
-WHY_AWAKE = "main, controller and monitor each look around once a second"
+WHY_AWAKE = "each thread that looks around once a second is a wake-up a second"
 WHY_LARGE = "two bus connections against one, five threads against one, each with a stack for faults; the log library"
 
 

@@ -16,7 +16,7 @@ GOAL = 1.15
 # Seconds for all repetitions, and how often each of the slow peers takes part.
 BUDGETS = {10: 40, 100: 90, 500: 100}
 SELDOM = {"supervisor": 3, "monit": 2}
-WHY = "a service is asked for by one thread and forked by another, and has two lines in the log; the floor does neither"
+WHY = "each service has two lines in the log, and its child lets go of the daemon's signals and descriptors; the floor's not"
 
 
 def whole_s(supervisor):

@@ -12,7 +12,7 @@ from turns import repetitions, sides
 
 SERVICES = 100
 GOAL = 1.2
-WHY = "each service has a line in the log before its signal and two more for its death; the floor writes nothing"
+WHY = "each service has a line in the log before its signal; the floor writes nothing"
 
 
 class Watch:
