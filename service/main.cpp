@@ -216,10 +216,15 @@ void daemonize(const sigset_t& starter_mask) {
 
 // All threads share one heap. With one for each, what a thread has given back is of no use to the others, and every
 // start of the bus's threads finds other gaps: the daemon would grow for hours before it stays as it is.
-void share_one_heap() noexcept { (void)::mallopt(M_ARENA_MAX, 1); }
+// And what one large message has taken is given back, which it would not be once the allocator had grown used to it.
+void keep_heap_small() noexcept {
+  constexpr int own_mapping_size = 128 * 1024;
+  (void)::mallopt(M_ARENA_MAX, 1);
+  (void)::mallopt(M_MMAP_THRESHOLD, own_mapping_size);
+}
 
 [[nodiscard]] int32_t run_daemon(int32_t argc, char** argv) {
-  share_one_heap();
+  keep_heap_small();
   for (int32_t position = 1; position < argc; ++position) {
     STARTUP_LOG("quorvaned start, argv[%d]:%s", position, argv[position]);
   }

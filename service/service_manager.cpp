@@ -39,6 +39,10 @@ constexpr int64_t stop_script_wait_ms = 1000;
 constexpr mode_t directory_mode = 0755;
 constexpr mode_t key_chain_umask = 027;  // the daemon's own umask is 0, and its log is not for everybody
 
+// Far beyond what a service needs; without a bound one that makes up names would use up the memory.
+constexpr size_t most_keepalive_items = 4096;
+constexpr size_t longest_keepalive_item = 1024;  // bytes
+
 constexpr const char* remote_terminal = "RemoteTerminalDaemon";
 
 uint32_t now_s() { return static_cast<uint32_t>(CTime::getSystemStartupMilliSecond() / 1000); }
@@ -249,6 +253,8 @@ void CServiceManager::feed_dog(const std::string& dbus_name, const std::string& 
   ServiceRecord* const record = find_by_bus_name(dbus_name);
   if (record == nullptr) return;
   const std::lock_guard guard(record->lock);
+  const bool has_room = record->keepalive.size() < most_keepalive_items && key.size() <= longest_keepalive_item;
+  if (!has_room && record->keepalive.count(key) == 0) return;
   record->keepalive[key] = timeout_s < 1 ? 0 : deadline_after(timeout_s);
 }
 

@@ -1,5 +1,6 @@
 #include "start_up.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -32,6 +33,8 @@ constexpr int32_t config_long_timeout_ms = 10000;
 constexpr int32_t config_success = 0;
 constexpr int32_t config_no_value = 100100;
 constexpr int32_t default_feed_s = 60;
+constexpr size_t longest_triple = size_t{64} * 1024;  // bytes; parsing takes some fifty times as much memory
+constexpr mode_t bus_socket_mode = 0600;
 
 constexpr const char* watchdog_name = "iot.gateway.watchdog";
 constexpr const char* watchdog_path = "/iot/gateway/watchdog";
@@ -152,6 +155,8 @@ void CStartup::bring_up() {
   register_handlers();
   int32_t attempts = 0;  // one counter for both channels, deliberately not reset between them
   connect_channel(*watchdog_channel, "watchdog", attempts);
+  // The bus lets in nobody but root and its own user; others shall not even take the places of those who wait.
+  if (running) (void)::chmod(Paths::bus_socket, bus_socket_mode);
   connect_channel(*quorvaned_channel, "quorvaned", attempts);
   if (running) start_business_services();
 }
@@ -306,7 +311,7 @@ void CStartup::gateway_tripe_change_member_handler(CDBusRequest& request, CDBusR
     log_print(log_level_failure, "color", "tag", __FILE_NAME__, function, __LINE__,
               "gateway_tripe_change_member_handler, get dbus parameter fail");
     reply = reply_object(1, "invaild dbus parameter");
-  } else if (!JsonOpr::string_to_json(text, body)) {
+  } else if (text.size() > longest_triple || !JsonOpr::string_to_json(text, body)) {
     log_print(log_level_failure, "color", "tag", __FILE_NAME__, function, __LINE__,
               "gateway_tripe_change_member_handler, json to string fail");
     reply = reply_object(2, "dbus parameter format error");

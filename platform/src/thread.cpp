@@ -20,7 +20,8 @@ thread_local CThread* current_thread = nullptr;
 // A fault that overflowed the stack still gets its log line: the handler needs a stack of its own.
 class AlternateStack {
  public:
-  AlternateStack() : memory_(std::make_unique<char[]>(alternate_stack_size)) {
+  // Not written to: pages that no handler needs are never there.
+  AlternateStack() : memory_(std::make_unique_for_overwrite<char[]>(alternate_stack_size)) {
     stack_t stack{};
     stack.ss_sp = memory_.get();
     stack.ss_size = alternate_stack_size;

@@ -177,5 +177,41 @@ TEST_F(PidFile, LockIsDroppedByClosingAnyDescriptorOfTheFile) {
             7);
 }
 
+// Anybody may read the file, and so may hold it with a read lock.
+TEST_F(PidFile, ThatAReaderKeepsLockedIsReplacedAndTaken) {
+  std::ofstream(path) << "1";
+  const int reader = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  struct flock lock {};
+  lock.l_type = F_RDLCK;
+  ASSERT_EQ(::fcntl(reader, F_SETLK, &lock), 0);
+  int ends[2];
+  ASSERT_EQ(::pipe(ends), 0);
+  const pid_t owner = ::fork();
+  if (owner == 0) {
+    const char taken = lock_pid_file(path) == 0 ? 'y' : 'n';
+    (void)!::write(ends[1], &taken, 1);
+    (void)::pause();
+  }
+  char taken = 0;
+  ASSERT_EQ(::read(ends[0], &taken, 1), 1);
+  EXPECT_EQ(taken, 'y');
+  EXPECT_EQ(content(), std::to_string(owner));
+  EXPECT_EQ(in_child([&] { return lock_pid_file(path) == owner ? 7 : 1; }), 7);
+  EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms{0644});
+  (void)::kill(owner, SIGKILL);
+  (void)::waitpid(owner, nullptr, 0);
+  for (const int fd : {reader, ends[0], ends[1]}) (void)::close(fd);
+}
+
+TEST_F(PidFile, ThatAReaderKeepsLockedHasNoOwner) {
+  std::ofstream(path) << "1";
+  const int reader = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  struct flock lock {};
+  lock.l_type = F_RDLCK;
+  ASSERT_EQ(::fcntl(reader, F_SETLK, &lock), 0);
+  EXPECT_EQ(in_child([&] { return read_locked_pid(path) == -1 ? 7 : 1; }), 7);
+  (void)::close(reader);
+}
+
 }  // namespace
 }  // namespace Tessaro::Iot::Component
