@@ -19,6 +19,7 @@ import page
 import registry
 import results
 from gateway import Failed
+from priority import come_first
 from table import plain
 
 OPTIONS = ("--quick", "--resume", "--record", "--list", "--help", "-h", "--check")
@@ -33,6 +34,7 @@ def explain(measurements):
 def measure(measurements, names, quick, resume):
     """Measure what was asked for; gives the results, and whether something failed."""
     made, failed = [], False
+    come_first()
     for name in names:
         result = results.kept(name) if resume else None
         if not results.is_fresh(result, measurements[name], quick):
