@@ -1,5 +1,5 @@
-"""Every fault that can be thrown at a gateway beside others. Each is a generator: it throws, yields how many seconds are
-to pass before it goes on, and at its end has undone what does not go away by itself."""
+"""Every fault that can be thrown at a gateway beside others. Each is a generator: it throws, yields how many seconds
+are to pass before it goes on, and at its end has undone what does not go away by itself."""
 
 import errno
 import json
@@ -118,6 +118,11 @@ class Faults:
             if path.startswith(self.gateway.bin + "/"):
                 found.setdefault(os.path.basename(path), []).append(pid)
         return found
+
+    def _tell(self, text):
+        """Note what must not be, with the end of the log."""
+        lines = self.gateway.log.bytes().decode("utf-8", "backslashreplace").splitlines()[-8:]
+        self.wrong.append(" | ".join([text, *lines]))
 
     def _signal(self, pid, number):
         """Send a signal, if somebody is there; tell whether."""
@@ -248,7 +253,7 @@ class Faults:
         identity = tuple(f"{what}-{self.handed_over}" for what in ("product", "device", "secret"))
         outcome, answer = ask("set_gateway_triple", triple(identity))
         if outcome == ACCEPTED and json.loads(answer)["code"] != 0:
-            self.wrong.append(f"an identity was refused: {answer}")
+            self._tell(f"an identity was refused: {answer}")
         elif outcome in (ACCEPTED, UNANSWERED):
             self.model.identity_handed_over(identity, accepted=outcome == ACCEPTED)
         yield 0
@@ -274,9 +279,13 @@ class Faults:
     def refuse_to_write(self):
         """The directories of the logs cannot be written to."""
         self.model.obstacle("disk")
+        aside = self.gateway.path("aside")
+        os.makedirs(aside, exist_ok=True)
         for path in (STARTUP, LOGGER):
-            subprocess.run(["mount", "--bind", path, path], check=True)
-            subprocess.run(["mount", "-o", "remount,bind,ro", path], check=True)
+            # Made aside and moved: nobody can open a file for writing through it before it is read-only.
+            subprocess.run(["mount", "--bind", path, aside], check=True)
+            subprocess.run(["mount", "-o", "remount,bind,ro", aside], check=True)
+            subprocess.run(["mount", "--move", aside, path], check=True)
         yield self.chance.uniform(1, 10)
         for path in (STARTUP, LOGGER):
             subprocess.run(["umount", "--lazy", path], check=True)
@@ -375,17 +384,19 @@ class Faults:
         """Wait for the end, and let an operator start it some time later."""
         yield from self._wait(lambda: self.daemon.status is not None, within)
         if self.daemon.status not in statuses:
-            self.wrong.append(f"the daemon's status is {self.daemon.status}, and not one of {statuses}")
+            self._tell(f"the daemon's status is {self.daemon.status}, and not one of {statuses}")
         if self.daemon.status is None:
             return
         yield self.chance.uniform(0, 2)
         self.start()
-        yield from self._wait(self._listens, 10)
+        yield from self._wait(self._has_begun, 20)
 
-    def _listens(self):
-        """Whether it has its signal handlers; before that a signal is nothing but its end."""
-        caught = processes.status_field(self.daemon.pid, "SigCgt")
-        return caught and int(caught, 16) & 1 << signal.SIGUSR2 - 1
+    def _has_begun(self):
+        """Whether it has its controller. Before that a signal may be nothing but its end, and so is the want of a
+        thread."""
+        tasks = f"/proc/{self.daemon.pid}/task"
+        names = os.listdir(tasks) if self.daemon.alive() else []
+        return any(processes.proc(self.daemon.pid, f"task/{name}/comm") == "start_up_thread\n" for name in names)
 
     def _follow(self, numbers):
         """Send signals, and see to what comes of them: an end, or a new image."""
@@ -410,9 +421,9 @@ class Faults:
         if self.daemon.status is not None:
             yield from self._start_again({0}, 0)
         elif not replaced:
-            self.wrong.append(f"nothing has come of {numbers}")
+            self._tell(f"nothing has come of {numbers}")
         else:
-            yield from self._wait(self._listens, 10)
+            yield from self._wait(self._has_begun, 20)
 
     def _end_the_old_services(self, last_seen):
         """What SIGUSR2 leaves alive of the old image, seen last at that moment, is nobody's any more. A busy machine

@@ -18,6 +18,7 @@ SOURCES = ("service", "platform", "interfaces", "cmake", "CMakeLists.txt", "gate
            "chaos/programs", "tests/system/harness", "tests/system/services", "scripts/private-root")
 # What a row runs beside its own file, what that imports, and the above. Not the corpus: fuzzing adds to it.
 ALSO = {"hostile-text": ("scripts/fuzz", "tests/fuzz/*.*"),
+        "everything": ("gateway",),
         "races": ("scripts/test", "tests/tsan.supp", "tests/unit", "tests/fuzz/*.*", "tests/system/*.py",
                   *(f"chaos/rows/{name}.py" for name in ("deaths", "signals", "floods")))}
 

@@ -21,6 +21,7 @@ from side_by_side import side_by_side
 from .files import active
 
 SETTLED = 35
+ONCE = 0.01  # seconds in which one fault is thrown
 NO_VALUE = 100100
 IDENTITY = ("gw_system_productkey", "gw_system_devicename", "gw_system_devicesecret")
 STEADY = tuple(f"steady{number}" for number in range(4))
@@ -30,6 +31,9 @@ UNMONITORED = ("fota", "RemoteTerminalDaemon", "lone")
 NAMES = {"config-manager": CONFIGURATION[0], "logging-service": "iot.gateway.logger",
          "device-registry": "iot.gateway.devices", "scene": "iot.gateway.scene",
          **{name: f"iot.test.{name}" for name in (*FED, "named")}}
+# One of these comes last and alone: after it nothing but the daemon itself brings back what it has taken away.
+LAST = ("kill_services", "kill_services", "kill_the_bus", "hang_the_bus", "hand_over_an_identity", "replace_the_image",
+        "upgrade", "refuse_processes")
 BYSTANDERS = ("quorvaned", "dbus-daemon", "steady0")
 
 
@@ -52,8 +56,8 @@ def catalogue():
 @row("everything", "everything at once",
      "kills, hangs, floods, hostile messages, restarts, identities, upgrades, ends, full and read-only disks, no "
      "processes, no descriptors, clocks that jump: for 20 to 90 s, each second or so another one, of all kinds or of "
-     "some. Then calm, and a model that was told of them says what must be true. What SIGUSR2 alone leaves of the old "
-     "image is ended", short=15, long=1080, seconds=(150, 1400), seeds=(1, 2, 3))
+     "some, and a last one alone. Then calm, and a model that was told of them says what must be true. What SIGUSR2 "
+     "alone leaves of the old image is ended", short=15, long=1080, seconds=(150, 1400), seeds=(1, 2, 3))
 def everything(run):
     """Whatever happens, the gateway is soon what it must be."""
     if run.is_long:
@@ -139,12 +143,12 @@ class Rounds:
         kinds = sorted(KINDS)
         if self.chance.random() < 0.5:
             kinds = self.chance.sample(kinds, self.chance.randint(2, len(kinds) // 2))
-        told = self.throw(seconds, kinds)
+        told = self.throw(seconds, kinds) + self.throw(ONCE, [self.chance.choice(LAST)])
         begin = time.monotonic()
         left = self.settled()
         self.longest = max(self.longest, time.monotonic() - begin)
         if not left:  # now that nothing disturbs it, the model is sure of what becomes of an identity
-            told = self.throw(0.01, ["hand_over_an_identity"])
+            told = self.throw(ONCE, ["hand_over_an_identity"])
             left = self.settled()
         if left:
             self.missed += 1
