@@ -50,8 +50,11 @@ def recorded(gateway, kind):
 
 
 @row("upgrades", "upgrades in a row",
-     "SIGUSR2; every second one inside a storm of service deaths, every fourth one sent twice within 10 ms. SIGUSR2 "
-     "leaves the services of the old image alive: the test ends them", short=12, long=1000, seconds=(90, 1300))
+     "SIGUSR2; every second one inside a storm of service deaths, half of them sent twice within 10 ms: twice it is to "
+     "take effect when the line of the first one stood before the second was sent, else both may be one signal. SIGUSR2 "
+     "leaves the services of the old image alive: the test ends them. Somebody waits for the lock and would get it "
+     "when it is free for longer than a scheduling turn; shorter moments are not seen", short=12, long=1000,
+     seconds=(90, 1200))
 def upgrades(run):
     """Each takes effect, in the same process, which never lets go of its lock and hands nothing down."""
     gateway = run.gateway()
@@ -61,9 +64,10 @@ def upgrades(run):
     lock = LockWatch(PID_FILE)
     pages = Pages(gateway)
     descriptors = None
-    failed = 0
+    failed = twice = 0
     for number in range(run.amount):
         pages.turn()
+        wanted = 1
         old = daemon.services()
         run.chance.shuffle(old)
         if number % 2:  # a part of them before the signal, a part after it
@@ -71,30 +75,32 @@ def upgrades(run):
         daemon.signal(signal.SIGUSR2)
         if number % 4 > 1:
             pause(run.chance.uniform(0, 0.01))
+            wanted += gateway.log.has(FINISH)  # else the first one may still be pending, and the two are one
+            twice += wanted == 2
             daemon.signal(signal.SIGUSR2)
         if number % 2 == 0:
             pages.wait_for(UP, 20)
         end(old)
-        up = pages.wait_for(FINISH, 10) and came(lambda: is_up(gateway), 30)
+        up = pages.wait_for(FINISH, 20, count=wanted) and came(lambda: is_up(gateway), 30)
         times = gateway.log.count(FINISH)
-        failed += not (up and daemon.alive() and 1 <= times <= (2 if number % 4 > 1 else 1))
+        failed += not (up and daemon.alive() and wanted <= times <= (2 if number % 4 > 1 else 1))
         descriptors = descriptors or open_descriptors(daemon)
         run.progress(number)
     came(lambda: open_descriptors(daemon) <= descriptors, 3)
     starts = recorded(gateway, "start")
     gone = lock.was_free()
     lock.stop()
-    return [at_least("upgrades", run.amount, run.amount),
+    return [at_least("upgrades that were sent twice, the second behind the first one's line", twice, run.amount // 20),
             none("upgrades without effect, or not up after it in the same process", failed, run.amount),
-            none("instants at which nobody held the lock", int(gone), None),
+            none("times that whoever waits for the lock got it", int(gone), None),
             none("services started with a blocked signal",
                  sum(int(start["SigBlk"], 16) != 0 for start in starts), len(starts)),
             none("descriptors gained", max(0, open_descriptors(daemon) - descriptors), descriptors)]
 
 
 @row("cycles", "restarts, cycles and upgrades",
-     "\"reboot\" (every third time) or SIGUSR2 under load; the services record their signals",
-     short=9, long=1000, seconds=(90, 1300))
+     "\"reboot\" (every third time) or SIGUSR2 under load; the services record their signals. What SIGUSR2 leaves alive "
+     "of the old image the test ends, after the new one is up", short=9, long=1000, seconds=(90, 1200))
 def cycles(run):
     """No service gets a signal, or ends by one, that no line announces."""
     gateway = run.gateway()
@@ -113,6 +119,8 @@ def cycles(run):
             old = daemon.services()
             daemon.signal(signal.SIGUSR2)
             failed += not pages.wait_for(UP, 30)
+            # Those that are dead by now have not been ended here: the lines must tell by whom.
+            old = [pid for pid in old if processes.alive(pid)]
             account.announced |= {(pid, signal.SIGKILL) for pid in old}
             end(old)
         run.progress(number)
@@ -122,8 +130,7 @@ def cycles(run):
     for _ in range(2):
         account.take(pages.turn())
     told = [(event["pid"], event["signal"]) for event in recorded(gateway, "signal")]
-    return [at_least("cycles", run.amount, run.amount),
-            none("cycles that did not come up", failed, run.amount),
+    return [none("cycles that did not come up", failed, run.amount),
             none("signals that no log line announces", len(account.unannounced(told)), len(told) + len(account.deaths)),
             none("services too many or too few at the end", left, len(NAMES) + 2)]
 
