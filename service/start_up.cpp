@@ -24,6 +24,8 @@ namespace {
 constexpr int32_t thread_priority = 64;
 constexpr int32_t last_attempt = 30;  // values 0 to 30: 31 attempts, shared by both channels
 constexpr int64_t attempt_wait_ms = 500;
+constexpr int64_t listen_wait_ms = 100;
+constexpr int64_t listen_look_ms = 5;
 constexpr int64_t idle_wait_ms = 1000;
 constexpr int64_t restart_wait_ms = 1000;
 constexpr int64_t normal_exit_wait_ms = 3000;
@@ -153,6 +155,7 @@ void CStartup::bring_up() {
     STARTUP_LOG("success to startup dbus daemon");
   }
   register_handlers();
+  wait_until_bus_listens();
   int32_t attempts = 0;  // one counter for both channels, deliberately not reset between them
   connect_channel(*watchdog_channel, "watchdog", attempts);
   // The bus lets in nobody but root and its own user; others shall not even take the places of those who wait.
@@ -180,6 +183,14 @@ void CStartup::register_handlers() {
                                               {{{"triple", "s"}}, {{"result", "s"}}});
   quorvaned_channel->register_method_callback("reboot", member(&CStartup::reboot_member_handler));
   quorvaned_channel->register_method_callback("start_upgrade", member(&CStartup::start_upgrade_member_handler));
+}
+
+// The bus daemon takes some milliseconds; an attempt before that is in vain, and the next one is half a second away.
+void CStartup::wait_until_bus_listens() {
+  const int64_t end = CTime::getSystemStartupMilliSecond() + listen_wait_ms;
+  while (running && ::access(Paths::bus_socket, F_OK) != 0 && CTime::getSystemStartupMilliSecond() < end) {
+    if (wakeup.pend(listen_look_ms)) return;
+  }
 }
 
 void CStartup::connect_channel(CDBusChannel& channel, const char* name, int32_t& attempts) {

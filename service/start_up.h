@@ -76,6 +76,7 @@ class CStartup : public Component::CThread {
   void run_cycle();
   void bring_up();
   void register_handlers();
+  void wait_until_bus_listens();
   void connect_channel(Component::CDBusChannel& channel, const char* name, int32_t& attempts);
   void start_business_services();
   void tear_down();

@@ -5,8 +5,10 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <fstream>
 #include <string_view>
 
+#include "paths.h"
 #include "platform/log.h"
 #include "platform/process_host.h"
 #include "platform/signal_window.h"
@@ -89,6 +91,10 @@ int32_t fork_child(const CSpawnPlan& plan) {
   const int32_t pid = world.next_pid++;
   world.forks.push_back({pid, plan, world.now_ms});
   if (world.on_fork) world.on_fork(pid);
+  if (plan.arguments.front() == "dbus-daemon") {
+    world.at_ms(world.now_ms + world.bus_listens_after_ms, [] { std::ofstream(Paths::bus_socket) << ""; });
+    if (world.bus_listens_after_ms == 0) world.advance_to(world.now_ms);
+  }
   return pid;
 }
 

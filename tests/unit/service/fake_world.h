@@ -70,6 +70,7 @@ class World {
   size_t count_lines(const std::string& message) const;
 
   // --- the bus
+  int64_t bus_listens_after_ms = 0;  // that long after its start its socket is there
   std::function<bool(const std::string& channel)> bus_accepts;
   std::map<std::string, std::string> config;  // keys of the configuration service
   std::vector<std::string> config_calls;      // "get KEY", "set KEY=VALUE", "reset", "flush"

@@ -1,5 +1,6 @@
 #include "start_up.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 
@@ -118,6 +119,26 @@ TEST_F(Startup, SharesTheAttemptsBetweenTheChannels) {
   EXPECT_THAT(world.lines, Not(Contains("success to startup business service")));
 }
 
+// The first attempt comes as soon as the bus listens, and without one after a tenth of a second all the same.
+TEST_F(Startup, WaitsForTheBusBeforeTheFirstAttempt) {
+  for (const int64_t listens_after_ms : {0, 5, 40, 10'000}) {
+    SCOPED_TRACE(listens_after_ms);
+    world.reset();
+    world.bus_listens_after_ms = listens_after_ms;
+    make("[]");
+    std::vector<int64_t> attempts;
+    const int64_t begin = world.now_ms;
+    world.bus_accepts = [&](const std::string&) {
+      attempts.push_back(world.now_ms - begin);
+      return true;
+    };
+    end_by_upgrade_after_ms(30'000);
+    (void)probe().run();
+    ASSERT_FALSE(attempts.empty());
+    EXPECT_EQ(attempts.front(), std::min<int64_t>(listens_after_ms, 100));
+  }
+}
+
 TEST_F(Startup, StalePostsUseUpNoAttempts) {
   make("[]");
   for (int32_t post = 0; post < 40; ++post) probe().post();
@@ -132,7 +153,7 @@ TEST_F(Startup, StalePostsUseUpNoAttempts) {
 TEST_F(Startup, WritesItsSuccessLinesUnconditionally) {
   make(R"([{"exec": "a"}])");
   world.fork_fails = true;
-  end_by_upgrade_after_ms(10);
+  end_by_upgrade_after_ms(1000);
   (void)probe().run();
   EXPECT_THAT(world.lines, Contains("success to startup dbus daemon"));
   EXPECT_THAT(world.lines, Contains("success to startup business service"));
