@@ -9,7 +9,6 @@ import signal
 import time
 
 from gateway import BIN, LOG, RECORDS, STAGE, WATCHDOG, Failed, Gateway, program, until
-from priority import come_first
 from registry import measurement
 from table import Row, Spread, at_most, percentile, ratios
 from turns import repetitions, sides
@@ -114,7 +113,6 @@ def show(values):
              "a supervisor that waits for deaths only, and writes a line")
 def death(quick):
     """Services are killed one after the other: quiet, then while 20,000 keep-alives a second pour in."""
-    come_first()
     quiet, flooded = (60, 200) if quick else (300, 1000)
     with Mortals(quiet + flooded, monitor=0) as gateway:
         ours, floor = kill_in_turn(range(quiet))
@@ -155,7 +153,6 @@ def beyond_pass(before, line, first):
              "a supervisor that looks once a second and forks")
 def replace(quick):
     """One service of each side is killed in each second, at no fixed time in it."""
-    come_first()
     count = 10 if quick else 40
     lines = {OURS: 0.0, FLOOR: 0.0}
     from_line = {OURS: [], FLOOR: []}

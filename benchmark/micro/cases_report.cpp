@@ -14,9 +14,14 @@
 
 namespace Tessaro::Iot::Component {
 
-// The way in that the manager leaves open: to put its records into the state of services that run.
+// The way in that the manager leaves open: to put its records into the state of services that run, and to free them,
+// which live as long as the process otherwise.
 class ServiceManagerProbe {
  public:
+  static void free_all(CServiceManager& manager) {
+    for (const ServiceRecord* record : manager.services) delete record;
+    manager.services.clear();
+  }
   static void run_all(CServiceManager& manager) {
     int32_t pid = 1000;
     for (ServiceRecord* record : manager.services) {
@@ -43,7 +48,11 @@ std::shared_ptr<CServiceManager> manager_of(int services) {
   fs::create_directories(root / "config");
   fs::current_path(root / "bin");
   std::ofstream(root / "config/services.json") << catalogue_text(services);
-  auto manager = std::make_shared<CServiceManager>(nullptr, -1, TFunction0<bool>(), nullptr);
+  const std::shared_ptr<CServiceManager> manager(new CServiceManager(nullptr, -1, TFunction0<bool>(), nullptr),
+                                                 [](CServiceManager* ended) {
+                                                   ServiceManagerProbe::free_all(*ended);
+                                                   delete ended;
+                                                 });
   if (manager->load_services() != 1) std::abort();
   ServiceManagerProbe::run_all(*manager);
   return manager;
