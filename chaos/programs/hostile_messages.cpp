@@ -4,8 +4,8 @@
 //
 // One frame in forty is changed anywhere; the connection is then made anew, since the bus closes it or waits for the
 // rest of a frame that has become longer. The others are well formed: unknown members, wrong and missing arguments,
-// signals that only the bus may send, answers to nothing. Nothing is sent that the daemon is to obey. Prints how many
-// were sent, over how many connections.
+// signals that only the bus may send, answers to nothing, now and then a very long text. Nothing is sent that the daemon
+// is to obey. Prints how many the bus has taken, over how many connections.
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -104,7 +104,12 @@ class Maker {
                                                    "{\"productkey\":\"only\"}",
                                                    "\xf0\x9f\x98\x80",
                                                    std::string(3000, 'x')};
-    return texts[below(texts.size())];
+    static const std::string very_long = [] {
+      std::string text;
+      while (text.size() < 1024 * 1024) text += "[0,";
+      return text;
+    }();
+    return below(10'000) == 0 ? very_long : texts[below(texts.size())];
   }
 
   void change(std::string& bytes) {
@@ -124,16 +129,15 @@ int main(int argc, char** argv) {
   Maker maker(static_cast<uint32_t>(std::strtoul(argv[2], nullptr, 10)));
   long connections = 0;
   std::unique_ptr<Chaos::BusSocket> bus;
-  for (long sent = 0; sent < count; ++sent) {
+  for (long sent = 0; sent < count;) {
     for (int attempt = 0; bus == nullptr || !bus->connected(); ++attempt) {
       if (attempt == 100) return 1;  // the bus has gone
       bus = std::make_unique<Chaos::BusSocket>();
       bus->discard_answers();
       ++connections;
     }
-    const bool broken = maker.changed();
-    (void)bus->send(maker.next());
-    if (broken) bus.reset();
+    if (bus->send(maker.next())) ++sent;
+    if (maker.changed()) bus.reset();
   }
   (void)std::printf("%ld %ld\n", count, connections);
   return 0;

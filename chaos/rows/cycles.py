@@ -51,7 +51,7 @@ def recorded(gateway, kind):
 
 @row("upgrades", "upgrades in a row",
      "SIGUSR2; every second one inside a storm of service deaths, half of them sent twice within 10 ms: twice it is to "
-     "take effect when the line of the first one stood before the second was sent, else both may be one signal. SIGUSR2 "
+     "take effect when the line of the first one stood before the second was sent; else both may be one. SIGUSR2 "
      "leaves the services of the old image alive: the test ends them. Somebody waits for the lock and would get it "
      "when it is free for longer than a scheduling turn; shorter moments are not seen", short=12, long=1000,
      seconds=(90, 1200))
@@ -90,7 +90,7 @@ def upgrades(run):
     starts = recorded(gateway, "start")
     gone = lock.was_free()
     lock.stop()
-    return [at_least("upgrades that were sent twice, the second behind the first one's line", twice, run.amount // 20),
+    return [at_least("upgrades sent twice, the second behind the first one's line", twice, run.amount // 20),
             none("upgrades without effect, or not up after it in the same process", failed, run.amount),
             none("times that whoever waits for the lock got it", int(gone), None),
             none("services started with a blocked signal",
@@ -99,8 +99,8 @@ def upgrades(run):
 
 
 @row("cycles", "restarts, cycles and upgrades",
-     "\"reboot\" (every third time) or SIGUSR2 under load; the services record their signals. What SIGUSR2 leaves alive "
-     "of the old image the test ends, after the new one is up", short=9, long=1000, seconds=(90, 1200))
+     "\"reboot\" (every third time) or SIGUSR2 under load; the services record their signals. What SIGUSR2 leaves "
+     "alive of the old image the test ends, after the new one is up", short=9, long=1000, seconds=(90, 1200))
 def cycles(run):
     """No service gets a signal, or ends by one, that no line announces."""
     gateway = run.gateway()

@@ -17,8 +17,8 @@ CORPUS = os.path.join(REPOSITORY, "tests", "fuzz", "corpus")
 
 @row("hostile-text", "hostile text",
      "the fuzz targets (the catalogue, bodies and frames of requests, pid files and /proc, argument lists, log lines): "
-     "changed copies of the corpus; in the long form libFuzzer with the sanitizers, 140 s each", short=28_000,
-     long=5_000_000, seconds=(90, 1300))
+     "changed copies of the corpus; in the long form libFuzzer with the sanitizers, 110 s each", short=28_000,
+     long=5_000_000, seconds=(90, 1200))
 def hostile_text(run):
     """No input makes a parser crash, or break one of its promises."""
     names = sorted(os.listdir(CORPUS))
@@ -45,7 +45,7 @@ def replay(run, names):
 
 def fuzz(run, names):
     """Look for new inputs, with another build; what is found is kept in the corpus."""
-    done = subprocess.run([os.path.join(REPOSITORY, "scripts", "fuzz"), "140", *names],
+    done = subprocess.run([os.path.join(REPOSITORY, "scripts", "fuzz"), "110", *names],
                           stdout=subprocess.PIPE, text=True, check=False)
     fed = sum(map(int, re.findall(r"(\d+) inputs, ", done.stdout)))
     reached = re.search(r"([\d.]+) %$", done.stdout, re.MULTILINE)
@@ -54,8 +54,9 @@ def fuzz(run, names):
 
 
 @row("hostile-messages", "hostile messages",
-     "messages that make no sense, and changed frames, from four clients as fast as the bus takes them", short=100_000,
-     long=10_000_000, seconds=(90, 1300))
+     "messages that make no sense, and changed frames, from four clients as fast as the bus takes them. A changed frame "
+     "comes as far as the bus daemon, which closes the connection; what is well formed comes to the daemon, one text in "
+     "ten thousand of 1 MiB. Memory is that of the second half", short=100_000, long=10_000_000, seconds=(90, 1200))
 def hostile_messages(run):
     """The daemon lives on, with what it had, and answers."""
     gateway = run.gateway()
@@ -63,7 +64,7 @@ def hostile_messages(run):
     tail = LogTail()
     daemon = gateway.up()
     share = run.amount // 8 + 1
-    warm_up = [send_hostile(share, run.seed * 10 + number) for number in range(4, 8)]  # memory is of the second half
+    warm_up = [send_hostile(share, run.seed * 10 + number) for number in range(4, 8)]
     sent = sum(told(sender)[0] for sender in warm_up)
     client = gateway.bus()
     client.report()
