@@ -40,7 +40,7 @@ constexpr mode_t directory_mode = 0755;
 constexpr mode_t key_chain_umask = 027;  // the daemon's own umask is 0, and its log is not for everybody
 
 // Far beyond what a service needs; without a bound one that makes up names would use up the memory.
-constexpr size_t most_keepalive_items = 4096;
+constexpr size_t most_keepalive_items = 16384;
 constexpr size_t longest_keepalive_item = 1024;  // bytes
 
 constexpr const char* remote_terminal = "RemoteTerminalDaemon";

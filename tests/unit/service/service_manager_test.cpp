@@ -388,10 +388,10 @@ TEST_F(KeepAlive, SilenceWithinTheGraceIsNoReasonToRestart) {
   EXPECT_THAT(fork_seconds("a"), ElementsAre(1000));
 }
 
-TEST_F(KeepAlive, TakesNoMoreThan4096ItemsOfAService) {
-  for (int item = 0; item < 5000; ++item) manager.feed_dog("iot.a", "item " + std::to_string(item), 500);
-  EXPECT_EQ(table().size(), 4096U);
-  EXPECT_EQ(table().count("item 4096"), 0U);
+TEST_F(KeepAlive, TakesNoMoreThan16384ItemsOfAService) {
+  for (int item = 0; item < 20'000; ++item) manager.feed_dog("iot.a", "item " + std::to_string(item), 500);
+  EXPECT_EQ(table().size(), 16384U);
+  EXPECT_EQ(table().count("item 16384"), 0U);
   world.now_ms += 10'000;
   manager.feed_dog("iot.a", "item 0", 500);  // those that are there are fed as ever
   EXPECT_EQ(table().at("item 0"), table().at("item 1") + 10);
