@@ -48,11 +48,11 @@ std::shared_ptr<CServiceManager> manager_of(int services) {
   fs::create_directories(root / "config");
   fs::current_path(root / "bin");
   std::ofstream(root / "config/services.json") << catalogue_text(services);
-  const std::shared_ptr<CServiceManager> manager(new CServiceManager(nullptr, -1, TFunction0<bool>(), nullptr),
-                                                 [](CServiceManager* ended) {
-                                                   ServiceManagerProbe::free_all(*ended);
-                                                   delete ended;
-                                                 });
+  std::shared_ptr<CServiceManager> manager(new CServiceManager(nullptr, -1, TFunction0<bool>(), nullptr),
+                                           [](CServiceManager* ended) {
+                                             ServiceManagerProbe::free_all(*ended);
+                                             delete ended;
+                                           });
   if (manager->load_services() != 1) std::abort();
   ServiceManagerProbe::run_all(*manager);
   return manager;
