@@ -55,7 +55,8 @@ class Member:
         bus = os.path.join(BIN, "dbus-daemon")
         shutil.rmtree(BUS, ignore_errors=True)  # a bus that was killed leaves its files
         os.makedirs(BUS)
-        self.processes = [subprocess.Popen([bus, "--nofork", f"--config-file={BIN}/mbusd.conf"])]
+        self.processes = [subprocess.Popen([bus, "--nofork", f"--config-file={BIN}/mbusd.conf"],
+                                           stderr=subprocess.DEVNULL)]  # as below the daemon
         until(lambda: os.path.exists(SOCKET), 10, "a bus")
         catalogue = os.path.join(STAGE, "config", "services.json")
         self.processes.append(subprocess.Popen([program("bare_member"), catalogue]))
