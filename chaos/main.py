@@ -24,7 +24,7 @@ import time
 TOP = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 sys.path[:0] = [os.path.join(TOP, "tests", "system"), os.path.dirname(os.path.abspath(__file__))]
 
-from harness import sandbox, staging  # noqa: E402  (the paths come first)
+from harness import clock, sandbox, staging  # noqa: E402  (the paths come first)
 from harness.gateway import Gateway  # noqa: E402
 from row import ROWS, Figure, Run, Skipped  # noqa: E402
 import kept  # noqa: E402
@@ -57,9 +57,10 @@ def run(row, form, amount, seed, stage, tried):
             return [], str(reason)
         return [vars(figure) for figure in figures], None
 
+    limit = clock.stretched(row.limits["long" if amount else form])
     begin, mark, commit, finished = time.monotonic(), tried.mark(row), tried.commit(row), True
     try:
-        figures, skipped = body() if row.outside else sandbox.run_inside(body, keep=[stage], limit=row.limits[form],
+        figures, skipped = body() if row.outside else sandbox.run_inside(body, keep=[stage], limit=limit,
                                                                          sizes=row.sizes)
     except (sandbox.Broken, AssertionError) as error:
         figures, skipped = [vars(Figure(f"not finished: {error}", 0, None, "finished", False))], None

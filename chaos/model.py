@@ -94,16 +94,18 @@ class Model:
         """How many processes of a service may run."""
         return self._away.get(name, LIVES)
 
+    def identities(self):
+        """The identity that is stored in the end; several where more than one may be, and values of one beside values
+        of another."""
+        known = [self._stored, *self._handed_over]
+        return known if self._doubt else known[-1:]
+
     def may_be_stored(self, identity):
         """Whether the configuration service may hold this identity; None stands for a value that it does not have."""
-        if not self._doubt:
-            return identity == (self._handed_over[-1] if self._handed_over else self._stored)
         known = self.identities()
+        if len(known) == 1:
+            return identity == known[0]
         return all(value is None or value in {one[place] for one in known} for place, value in enumerate(identity))
-
-    def identities(self):
-        """Those that may be stored, wholly or in part, the last one last."""
-        return [self._stored, *self._handed_over]
 
     # The calm
 

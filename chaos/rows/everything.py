@@ -285,4 +285,4 @@ class Look:
             self._is("codes of reads", sorted({int(code) for code, _ in answers} - {NO_VALUE}), ([], [0]))
             self.identity = tuple(str(value) if code == 0 else None for code, value in answers)
             if not self.model.may_be_stored(self.identity):
-                self._wrong.append(f"the identity is {self.identity}, and not as in {self.model.identities()}")
+                self._wrong.append(f"the identity is {self.identity}, and not of {self.model.identities()}")

@@ -16,13 +16,13 @@ KEPT = os.path.join(REPOSITORY, "build-chaos")
 REPORT = "WARNING: ThreadSanitizer"
 SUPPRESSIONS = "suppressions=" + os.path.join(REPOSITORY, "tests", "tsan.supp")
 # How much of the rows is done beside the suite, which does their short forms; and how much in a minute.
-MUCH = {"kill-storm": 200, "signals-any-moment": 60, "keep-alive-flood": 90}
+MUCH = {"kill-storm": 200, "signals-any-moment": 30, "keep-alive-flood": 90}
 LITTLE = {"signals-any-moment": 6, "keep-alive-flood": 5}
 
 
 @row("races", "races between threads",
      "the thread sanitizer: unit tests, system tests, and the rows kill-storm, signals-any-moment and keep-alive-flood "
-     "with 200 restarts, 60 runs and 90 s. In the short form a part of two of the rows, where the build that is tried "
+     "with 200 restarts, 30 runs and 90 s. In the short form a part of two of the rows, where the build that is tried "
      "has the sanitizer", short=1, long=1, seconds=(110, 1500), outside=True)
 def races(run):
     """The sanitizer has nothing to report."""
