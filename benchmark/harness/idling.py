@@ -17,7 +17,7 @@ MOST_GAINED_KIB = 0
 MOST_PSS = 1.25
 MOST_PER_SERVICE_KIB = 4
 WHY_AWAKE = "each thread that looks around once a second is a wake-up a second"
-WHY_LARGE = "two bus connections against one, five threads against one, each with a stack for faults; the log library"
+WHY_LARGE = "two bus connections and five threads against one of each, the log library, twice as much code"
 
 
 def sampled(supervisors, seconds):

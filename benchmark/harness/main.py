@@ -1,4 +1,4 @@
-"""usage: scripts/bench [--quick] [--resume] [--record] [NAME...]
+"""usage: scripts/bench [--quick] [--resume | --kept] [--record] [NAME...]
 
 Builds the daemon as it is installed and measures it, in turn, beside the least that can do the same and beside other
 supervisors. Without a name: everything, which takes up to half an hour. Names:
@@ -7,6 +7,7 @@ supervisors. Without a name: everything, which takes up to half an hour. Names:
 
   --quick   seconds instead of minutes for each; fewer repetitions, so wider spreads
   --resume  do not measure again what was measured of the same sources: results are kept in build-bench-results/
+  --kept    measure nothing: show what is kept, of whatever sources
   --record  write all results that are kept, of thorough runs, into docs/performance.md
   --list    only the names, one on a line
 
@@ -22,7 +23,7 @@ from gateway import Failed
 from priority import come_first
 from table import plain
 
-OPTIONS = ("--quick", "--resume", "--record", "--list", "--help", "-h", "--check")
+OPTIONS = ("--quick", "--resume", "--kept", "--record", "--list", "--help", "-h", "--check")
 
 
 def explain(measurements):
@@ -36,8 +37,8 @@ def measure(measurements, names, quick, resume):
     made, failed = [], False
     come_first()
     for name in names:
-        result = results.kept(name) if resume else None
-        if not results.is_fresh(result, measurements[name], quick):
+        result = results.kept(name, quick) if resume else None
+        if not results.is_fresh(result, measurements[name]):
             print(f"{name} ...", file=sys.stderr, flush=True)
             try:
                 result = results.measure(measurements[name], quick)
@@ -65,13 +66,16 @@ def main():
         return 0
     if "--check" in options:
         return 0
-    made, failed = measure(measurements, names, "--quick" in options, "--resume" in options)
+    if "--kept" in options:
+        made, failed = [result for name in names if (result := results.kept(name, "--quick" in options))], False
+    else:
+        made, failed = measure(measurements, names, "--quick" in options, "--resume" in options)
     print(plain([row for result in made for row in result.rows]))
     print()
     for key, value in page.facts(made).items():
         print(f"{key}: {value}")
     if "--record" in options:
-        page.record([result for name in measurements if (result := results.kept(name)) and not result.quick])
+        page.record([result for name in measurements if (result := results.kept(name))])
     return 1 if failed else 0
 
 

@@ -73,17 +73,22 @@ def measure(measurement, quick):
                     [item for item in made if isinstance(item, Row)],
                     [item for item in made if isinstance(item, Chart)])
     os.makedirs(FOLDER, exist_ok=True)
-    path = os.path.join(FOLDER, measurement.name + ".json")
+    path = path_of(measurement.name, quick)
     with open(path + ".new", "w", encoding="utf-8") as file:
         json.dump(dataclasses.asdict(result), file, indent=1)
     os.rename(path + ".new", path)
     return result
 
 
-def kept(name):
+def path_of(name, quick):
+    """Where a result is kept: a quick one is not to take the place of a thorough one."""
+    return os.path.join(FOLDER, f"{name}.quick.json" if quick else f"{name}.json")
+
+
+def kept(name, quick=False):
     """The kept result of that name; None without one."""
     try:
-        with open(os.path.join(FOLDER, name + ".json"), encoding="utf-8") as file:
+        with open(path_of(name, quick), encoding="utf-8") as file:
             fields = json.load(file)
         fields["rows"] = [Row(**row) for row in fields["rows"]]
         fields["charts"] = [Chart(**chart) for chart in fields["charts"]]
@@ -92,7 +97,6 @@ def kept(name):
         return None  # of no use, or of an earlier form: it is measured again
 
 
-def is_fresh(result, measurement, quick):
-    """The result is of the sources as they are, and as thorough as asked for."""
-    return result is not None and result.commit == commit(measurement) and "changes" not in result.commit and \
-        (quick or not result.quick)
+def is_fresh(result, measurement):
+    """The result is of the sources as they are."""
+    return result is not None and result.commit == commit(measurement) and "changes" not in result.commit

@@ -16,7 +16,7 @@ GOAL = 1.15
 # Seconds for all repetitions, and how often each of the slow peers takes part.
 BUDGETS = {10: 40, 100: 90, 500: 100}
 SELDOM = {"supervisor": 3, "monit": 2}
-WHY = "each service has two lines in the log, and its child lets go of the daemon's signals and descriptors; the floor's not"
+WHY = "each service has two lines in the log, and its child drops the daemon's signals and descriptors first"
 
 
 def whole_s(supervisor):
