@@ -13,7 +13,8 @@ namespace Tessaro::Iot::Component {
 
 // Takes the pid file at `path`, creating it with mode 0644, and writes the own pid.
 // Returns 0 when this process owns it now; the owner's pid (1 or more) when another live process holds it; -1 when it
-// cannot be opened, or is held by a process that does not write its pid within about 200 ms.
+// cannot be opened, or is held by a process that does not write its pid within about 200 ms. A file that somebody holds
+// with a read lock is removed and made anew.
 // Ownership: the descriptor stays open for the life of the process, over a re-execution too.
 // Context: main thread.
 [[nodiscard]] int32_t lock_pid_file(const std::string& path);
