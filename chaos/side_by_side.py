@@ -4,7 +4,7 @@ import os
 import pickle
 import random
 
-from harness import sandbox
+from harness import clock, sandbox
 from harness.gateway import Gateway
 
 
@@ -63,7 +63,7 @@ def _begin(home, seed, number, body, limit):
             gateway = Gateway(home.stage, os.path.join(home.root, f"beside.{number}"))
             return body(gateway, random.Random(seed), number)
         try:
-            answer = sandbox.run_inside(inside, keep=[home.stage], limit=limit)
+            answer = sandbox.run_inside(inside, keep=[home.stage], limit=clock.stretched(limit))
         except Exception as error:  # pylint: disable=broad-except
             answer = sandbox.Broken(f"number {number}: {error}")
         with os.fdopen(write_end, "wb") as file:
