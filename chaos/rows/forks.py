@@ -23,10 +23,10 @@ OUTAGE = 10.0
 
 
 @row("recycled-pids", "process numbers that are given again at once",
-     "one reboot after the other, and half of the services killed by the test in the midst of it, so that the daemon's own "
-     "kills, which alone are counted, come late; beside strangers who come and go by the thousand. 0 to 1 ms of delay "
-     "before each kill. The kernel is told a thousand times a second to look for the next free number from the beginning: "
-     "so numbers come again sooner than with a small pid_max, under which starts would fail. Side by side",
+     "one reboot after the other, and half of the services killed by the test in the midst of it, so that the daemon's "
+     "own kills, which alone are counted, come late; beside strangers who come and go by the thousand. 0 to 1 ms of "
+     "delay before each kill. The kernel is told a thousand times a second to look for the next free number from the "
+     "beginning: so numbers come again sooner than with a small pid_max, under which starts would fail. Side by side",
      short=100, long=100_000, seconds=(90, 1200))
 def recycled_pids(run):
     """No stranger ever gets a signal."""
@@ -116,10 +116,10 @@ def strike(handles, distance):
 
 
 @row("fork-fails", "no process and no thread to be had",
-     "for 10 s: in a reboot, between two services of a start and, in the long form, when all services die. By pids.max of "
-     "a control group that the daemon alone is put into, with its children; where the machine lends none, by a library "
-     "that refuses in the place of fork and pthread_create, and counts nothing. A service whose start failed stays away "
-     "until a reboot", short=1, long=33, seconds=(90, 1200))
+     "for 10 s: in a reboot, between two services of a start and, in the long form, when all services die. By pids.max "
+     "of a control group that the daemon alone is put into, with its children; where the machine lends none, by a "
+     "library that refuses in the place of fork and pthread_create, and counts nothing. A service whose start failed "
+     "stays away until a reboot", short=1, long=33, seconds=(90, 1200))
 def fork_fails(run):
     """The daemon stays, and quiet; a reboot afterwards brings everything back."""
     gateway = run.gateway()
