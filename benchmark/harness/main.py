@@ -15,6 +15,7 @@ Exit status: 0 when everything was measured, whatever came out; 1 when something
 """
 
 import sys
+import textwrap
 
 import page
 import registry
@@ -28,7 +29,9 @@ OPTIONS = ("--quick", "--resume", "--kept", "--record", "--list", "--help", "-h"
 
 def explain(measurements):
     """The usage."""
-    names = "\n".join(f"  {each.name:<9} {each.what}; against {each.against}" for each in measurements.values())
+    indent = " " * 14
+    names = "\n".join(textwrap.fill(f"{each.what}; against {each.against}", 110, initial_indent=f"  {each.name:<12}",
+                                    subsequent_indent=indent) for each in measurements.values())
     return __doc__.format(names=names).strip()
 
 

@@ -35,7 +35,8 @@ class Measurement:
 
 MEASUREMENTS = {}
 # The order of the table; what is not named here comes behind it, by module and place.
-ORDER = ("start", "names", "stop", "idle", "memory", "feed", "report", "command", "growth")
+ORDER = ("start", "process", "names", "death", "replacement", "stop", "idle", "memory", "feed", "report", "command",
+         "executable", "line", "scan", "growth")
 
 
 def measurement(name, what, against):
