@@ -134,8 +134,9 @@ void CProcessHost::run_to_end(const CSpawnPlan& plan) {
   while (!sys::peek_ended_child(process.pid)) {
     pollfd event{child_event_.get(), POLLIN, 0};
     (void)SignalWindow::poll(&event, 1, recheck_ms);
-    signalfd_siginfo news{};
-    (void)!::read(child_event_.get(), &news, sizeof news);  // emptied; other deaths are found by the first serve
+    signalfd_siginfo sign{};
+    (void)!::read(child_event_.get(), &sign, sizeof sign);  // emptied; other deaths are found by the first serve
+    may_have_ended_ = true;
   }
   const std::lock_guard lock(mutex_);
   children_.erase(process.pid);
@@ -158,7 +159,7 @@ void CProcessHost::serve(int64_t timeout_ms, const EndedHandler& on_ended) {
   bool more = serve_requests();
   int32_t pid = 0;
   int32_t raw_status = 0;
-  while (sys::peek_ended_child(pid, raw_status)) {
+  while (find_ended_child(pid, raw_status)) {
     on_ended(pid, raw_status);
     {
       const std::lock_guard lock(mutex_);
@@ -173,6 +174,16 @@ void CProcessHost::serve(int64_t timeout_ms, const EndedHandler& on_ended) {
   } else {
     wait_for_event(timeout_ms);
   }
+}
+
+// The kernel goes through all children for each look, so there is none without a sign that one has ended. One sign may
+// stand for many deaths: it counts until nobody is found. It is taken before the look, so that one that comes during a
+// look leads to another.
+bool CProcessHost::find_ended_child(int32_t& pid, int32_t& raw_status) {
+  signalfd_siginfo sign{};
+  if (!child_event_.valid() || ::read(child_event_.get(), &sign, sizeof sign) > 0) may_have_ended_ = true;
+  may_have_ended_ = may_have_ended_ && sys::peek_ended_child(pid, raw_status);
+  return may_have_ended_;
 }
 
 // Returns true when a request has more steps: they come after a look at deaths and signals.
@@ -193,8 +204,7 @@ bool CProcessHost::serve_requests() {
 void CProcessHost::wait_for_event(int64_t timeout_ms) {
   pollfd events[] = {{child_event_.get(), POLLIN, 0}, {request_event_.get(), POLLIN, 0}};
   (void)SignalWindow::poll(events, 2, timeout_ms);  // whatever ended the wait, the next turn looks at everything
-  signalfd_siginfo news{};
-  (void)!::read(child_event_.get(), &news, sizeof news);
+  may_have_ended_ = true;
   uint64_t count = 0;
   (void)!::read(request_event_.get(), &count, sizeof count);
 }

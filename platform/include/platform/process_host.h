@@ -98,6 +98,7 @@ class CProcessHost {
   bool on_host_thread() const;
   bool is_child(ProcessRef process) const;  // with the lock held
   ProcessRef fork_and_store(const CSpawnPlan& plan, const StartedHandler& on_started);
+  bool find_ended_child(int32_t& pid, int32_t& raw_status);
   bool serve_requests();
   void wait_for_event(int64_t timeout_ms);
 
@@ -110,6 +111,7 @@ class CProcessHost {
   std::condition_variable served_;
   std::thread::id host_thread_;  // written before any other thread exists
   UniqueFd child_event_;         // signalfd of SIGCHLD
+  bool may_have_ended_ = true;   // a child, since the last look; the host thread's
   UniqueFd request_event_;       // eventfd
 };
 
