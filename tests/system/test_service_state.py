@@ -57,8 +57,8 @@ def inherited(read):
     status = dict(line.split(":", 1) for line in read("status").splitlines())
     numbers = read("stat").rpartition(")")[2].split()
     of_user = ("Uid", "Gid", "Groups", "NoNewPrivs", "Seccomp", "CapInh", "CapPrm", "CapEff", "CapBnd", "CapAmb")
-    return {**{name: status[name].strip() for name in ("Umask", *of_user)}, "limits": read("limits"), "nice": int(numbers[16]),
-            "policy": int(numbers[38]), "ppid": int(numbers[1]), "pgid": int(numbers[2]), "sid": int(numbers[3])}
+    return {**{name: status[name].strip() for name in ("Umask", *of_user)}, "limits": read("limits"),
+            "nice": int(numbers[16]), "policy": int(numbers[38]), "ppid": int(numbers[1]), "pgid": int(numbers[2]), "sid": int(numbers[3])}
 
 
 def environment(text):
