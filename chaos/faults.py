@@ -340,6 +340,7 @@ class Faults:
     def kill_the_daemon(self):
         """It is killed, and started again."""
         self.daemon.signal(signal.SIGKILL)
+        self.model.daemon_killed()
         yield from self._start_again({-signal.SIGKILL}, 5)
 
     @kind("daemon")

@@ -20,6 +20,7 @@ class Model:
         self.monitored, self.unmonitored = tuple(monitored), tuple(unmonitored)
         self.pid = 0
         self.locks = {True}  # whether the daemon may hold the lock of its pid file
+        self.killed = set()  # daemons that were killed: the line that one was writing may be torn
         self._away = {}  # name -> AWAY or PERHAPS; all others live
         self._moving = False  # a start of the stack may still be under way
         self._no_processes = False
@@ -45,6 +46,10 @@ class Model:
             self._away.clear()
         else:
             self._away = dict.fromkeys(self._away, PERHAPS)
+
+    def daemon_killed(self):
+        """The daemon was killed with -9, whatever it was about to do."""
+        self.killed.add(self.pid)
 
     def image_replaced(self):
         """The daemon runs another image in the same process; where it had no lock, it may have it now."""

@@ -4,8 +4,10 @@ import heapq
 import itertools
 import json
 import os
+import re
 import signal
 import subprocess
+import sys
 import time
 
 import dbus
@@ -153,6 +155,7 @@ class Rounds:
         if left:
             self.missed += 1
             self.wrong.append(f"{'; '.join(left)} (after {' '.join(told[-40:])})")
+            print("    " + self.wrong[-1], file=sys.stderr, flush=True)
             self.help()
 
     def throw(self, seconds, kinds):
@@ -206,6 +209,8 @@ class Rounds:
             if pid not in spared:
                 os.kill(pid, signal.SIGKILL)
         came(lambda: not set(processes.everybody()) - spared, 5)
+        if os.path.exists(self.gateway.log.path):
+            os.unlink(self.gateway.log.path)
         self.faults.start()
         self.model.found({}, None, True)
         left = self.settled()
@@ -266,7 +271,8 @@ class Look:
                 self._is(f"signals that {name} blocks", int(processes.status_field(pid, "SigBlk") or "0", 16), (0,))
 
     def _log(self):
-        torn = [event.raw for event in self.rounds.gateway.log.events() if not event.well_formed]
+        torn = [event.raw for event in self.rounds.gateway.log.events() if not event.well_formed
+                and not self.model.killed & set(map(int, re.findall(r"^.{26} \[pid=(\d+)\]", event.raw)))]
         self._is("torn lines", torn[:3], ([],))
         self._is("the log's last byte", self.rounds.gateway.log.bytes()[-1:], (b"\n",))
 
