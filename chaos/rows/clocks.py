@@ -23,9 +23,9 @@ WRAP = 2 ** 31  # seconds of uptime, from which on a signed number of 32 bits is
 @row("clocks", "clocks that jump, and long uptimes",
      "the wall clock a year ahead or back, at random moments (a library stands between the daemon and its clock); "
      "beside it a gateway in a time namespace, whose uptime passes 2^31 s half-way. Services are killed at the "
-     "beginning and at three quarters. Beyond 2^31 s the deadline of a keep-alive, a signed number of 32 bits, is never "
-     "reached: a service that falls silent there is not noticed, which the long form shows. In the short form waits "
-     "are held against fifty times the goal", short=40, long=600, seconds=(100, 1000))
+     "beginning and at three quarters. Beyond 2^31 s the deadline of a keep-alive, a signed number of 32 bits, is "
+     "never reached: a service that falls silent there is not noticed, which the long form shows. In the short form "
+     "waits are held against fifty times the goal", short=40, long=600, seconds=(100, 1000))
 def clocks(run):
     """Waits take as long as they are to, and only what is to be restarted is."""
     ways = [jumping, long_up]

@@ -15,7 +15,8 @@ EXPECTED = {"quorvaned": 1, "dbus-daemon": 1, "sleep": 8, "named": 1, "spared": 
 
 @row("daemon-killed", "the daemon itself killed with -9",
      "at random moments of the start, and when all is up, in turns; each start that is not killed itself is looked at. "
-     "Two gateways side by side. In the short form there are two seconds instead of the 100 ms", short=20, long=1000, seconds=(120, 1200))
+     "Two gateways side by side. In the short form there are two seconds instead of the 100 ms",
+     short=20, long=1000, seconds=(120, 1200))
 def daemon_killed(run):
     """Nothing is left but the two spared services, and the next start gives one of each."""
     def kills(gateway, chance):

@@ -54,9 +54,10 @@ def fuzz(run, names):
 
 
 @row("hostile-messages", "hostile messages",
-     "messages that make no sense, and changed frames, from four clients as fast as the bus takes them. A changed frame "
-     "comes as far as the bus daemon, which closes the connection; what is well formed comes to the daemon, one text in "
-     "ten thousand of 1 MiB. Memory is that of the second half", short=100_000, long=10_000_000, seconds=(90, 1200))
+     "messages that make no sense, and changed frames, from four clients as fast as the bus takes them. A changed "
+     "frame comes as far as the bus daemon, which closes the connection; what is well formed comes to the daemon, one "
+     "text in ten thousand of 1 MiB. Memory is that of the second half",
+     short=100_000, long=10_000_000, seconds=(90, 1200))
 def hostile_messages(run):
     """The daemon lives on, with what it had, and answers."""
     gateway = run.gateway()

@@ -1,23 +1,35 @@
 """Memory that is refused: single allocations of the daemon that fail."""
 
+import itertools
 import mmap
 import os
+import re
+import signal
 import struct
 import time
 
 import dbus
-from harness import processes
+from harness import clock, processes
 from harness.bus import DAEMON, Bus
 from harness.gateway import UP, Service
-from pages import came
-from row import Run, at_least, none, row, sleepers
-from side_by_side import shared_out, told
+from pages import Pages
+from row import Run, at_least, at_most, none, row, sleepers
+from side_by_side import by_kind, side_by_side, told
 
-from .ends import ONLY_ONE, SPARED, strangers
+from .cycles import FINISH, kill
+from .ends import ONLY_ONE, counted, spared, strangers
 
 SERVICES = 4
-HEALTHY_WITHIN = 25
+EXPECTED = {"quorvaned": 1, "dbus-daemon": 1, "sleep": SERVICES, "named": 1, "spared": 1}
+THREADS = {"start_up_thread", "sevice_manager_", "bus-watchdog", "bus-quorvaned"}
+DEEDS = ("start", "reboot", "report", "feed", "bad_identity", "identity", "look", "names", "the_bus_dies",
+         "upgrade", "new_image", "a_service_dies", "end")
+DEED_WITHIN = 20
+WELL_WITHIN = 45  # one that died right after its start is left alone for 30 s
 END_WITHIN = 12
+AGE = 32  # from which on a service is restarted at once
+FAILED_START = 255
+ABORTED = b"caught Aborted(6) signal, exit"
 
 
 class Page:
@@ -32,40 +44,80 @@ class Page:
     def _get(self, place):
         return struct.unpack_from("=Q", self._map, 8 * place)[0]
 
-    def count(self):
-        """Allocations so far."""
-        return self._get(0)
-
     def failed(self):
         """How many have failed since it was armed."""
         return self._get(3)
 
-    def reset(self):
-        """Count from the beginning."""
-        struct.pack_into("=QQQQ", self._map, 0, 0, 0, 0, 0)
-
     def arm(self, first, many):
-        """Let that many fail from that one on."""
+        """Let that many fail from that one on, counted from now."""
+        struct.pack_into("=Q", self._map, 8, 0)
         struct.pack_into("=QQ", self._map, 16, many, 0)
-        struct.pack_into("=Q", self._map, 8, first)
+        struct.pack_into("=Q", self._map, 8, self._get(0) + first)
 
     def disarm(self):
         """No more."""
         struct.pack_into("=Q", self._map, 8, 0)
 
 
+def wait_for(probe, within):
+    """Whether it became true in time. Many do this at the same time: it looks less often than others."""
+    deadline = time.monotonic() + clock.stretched(within)
+    while not probe():
+        if time.monotonic() >= deadline:
+            return False
+        time.sleep(0.03)
+    return True
+
+
+def age(pid):
+    """For how many seconds a process has lived."""
+    words = processes.proc(pid, "stat").rpartition(")")[2].split()
+    return time.clock_gettime(time.CLOCK_BOOTTIME) - int(words[19]) / os.sysconf("SC_CLK_TCK") if words else 0.0
+
+
+def threads(pid):
+    """The names of a process's threads."""
+    try:
+        return {processes.proc(pid, f"task/{task}/comm").strip() for task in os.listdir(f"/proc/{pid}/task")}
+    except OSError:
+        return set()
+
+
 @row("memory", "allocation fails",
-     "the n-th allocation and up to four more of the daemon are refused: in the start, and while it is asked for its "
-     "report, fed, given identities good and bad, restarted, looked at, told of names and of deaths; gateways side by "
-     "side", short=24, long=4000, seconds=(150, 1300))
+     "the n-th allocation of the daemon and up to four more are refused, for every n until nothing is left to refuse: "
+     "in a start, and from each request, keep-alive, look at the interface, name that comes, death of a service, death "
+     "of the bus, upgrade, SIGUSR2 alone and SIGTERM on, to the end of what follows of it, such as a whole cycle. The "
+     "daemon's threads wait a tenth of their time; gateways side by side. It goes on, or ends: with status 0, or with "
+     "255 where an image fails, and says so, before it has started anything. Every site is tried, half of "
+     "them twice; in the short form one of a hundred, and ends by the alarm are only told of",
+     short=1, long=150, seconds=(200, 1200))
 def memory(run):
-    """The daemon goes on as if nothing had been, or ends and takes everything along."""
-    answers, _ = shared_out(run, Refusals, counts=(4, 10), limits=(140, 1200))
-    faults = told(answers)
-    total = {key: sum(answer[key] for answer in answers) for key in ("tries", "refused", "ended")}
-    return [at_least("tries in which an allocation was refused", total["refused"], run.amount // 2),
-            none(f"tries after which it hung, or something was left or lost ({total['ended']} ended it in order)",
-                 len(faults), total["tries"])]
+    """The daemon goes on as if nothing had been, or ends and takes everything along. The amount is how many tries there
+    are for every hundred sites."""
+    count = 64 if run.is_long else 4
+    answers = side_by_side(run, count, lambda gateway, chance, number: Refusals(gateway, chance).sweep(
+        run, number, count), limit=1190 if run.is_long else 190)
+    kinds = by_kind(told(answers), ("hung", "lost", "status", "alarm", "left"))
+    refused, ended = (sum(answer[key] for answer in answers) for key in ("refused", "ended"))
+    reached, there = reached_sites(answers)
+    share = min(run.amount, 100) / 100 * 0.95 if run.is_long else 0  # the last ones are not the same in each try
+    return [at_least(f"sites of {there:,} at which an allocation was refused", reached, int(there * share)),
+            none("tries after which it hung", kinds["hung"], refused),
+            none("tries after which something stayed away until a \"reboot\"", kinds["lost"], refused),
+            none("ends with a wrong status", kinds["status"], ended),
+            at_most("ends by the alarm that bounds a forced exit", kinds["alarm"], 0 if run.is_long else ended, "ends"),
+            none("ends that left something but the spared", kinds["left"], ended)]
+
+
+def reached_sites(answers):
+    """(how many sites were reached, how many there are): those of a deed end where most tries find nothing to refuse"""
+    reached = there = 0
+    for deed in DEEDS:
+        idle = sorted(site for answer in answers for name, site in answer["idle"] if name == deed)
+        end = idle[len(idle) // 10] - 1 if idle else 0
+        there += end
+        reached += len({site for answer in answers for name, site in answer["sites"] if name == deed and site <= end})
+    return reached, there
 
 
 class Refusals:
@@ -74,123 +126,233 @@ class Refusals:
     def __init__(self, gateway, chance):
         self.gateway, self.chance = gateway, chance
         self.page = Page(gateway.path("page"))
-        self.tries = self.refused = self.ended = 0
-        self.faults = []
-        self.daemon = None
-        gateway.catalogue(*sleepers(SERVICES), *[Service(name, program=ONLY_ONE) for name in SPARED],
+        self.pages = Pages(gateway)
+        self.refused = self.ended = 0
+        self.sites, self.idle, self.faults = set(), [], []
+        self.daemon = self.client = None
+        gateway.prepare_run_directory()
+        gateway.catalogue(*sleepers(SERVICES), Service("fota", program=ONLY_ONE),
                           Service("named", bus="iot.test.named", monitor=1))
 
-    def work(self, _, share):
-        """So many tries."""
-        while self.tries < share:
-            if self.daemon is None:
-                self.start()
-                continue
-            deed = self.chance.choice([self.report, self.feed, self.bad_triple, self.good_triple, self.reboot,
-                                       self.look, self.names, self.death])
-            self.attempt(deed.__name__, self.page.count() + self.chance.randint(1, 60), deed)
-        return {"tries": self.tries, "refused": self.refused, "ended": self.ended, "faults": self.faults}
+    def sweep(self, run, number, count):
+        """All sites, of which the others take theirs; in the short form some sites of some deeds."""
+        turn = number % len(DEEDS)
+        mine = DEEDS[turn:] + DEEDS[:turn] if run.is_long else DEEDS[number::count]
+        for deed in mine:
+            places = itertools.count(number, count) if run.is_long else itertools.count()
+            idle = 0
+            while idle < (2 if run.is_long else 1):
+                first = 1 + int((next(places) + self.chance.random()) * 100 / run.amount)
+                idle = 0 if self.attempt(deed, first) else idle + 1
+        self.comes_back()
+        return {"sites": self.sites, "idle": self.idle, "refused": self.refused, "ended": self.ended,
+                "faults": self.faults}
 
-    def start(self):
-        """A new daemon; an allocation of its start fails."""
-        self.page.reset()
-
-        def deed():
-            self.daemon = self.gateway.start(env=dict(os.environ, LD_PRELOAD=self.library(),
-                                                      FAIL_MALLOC_PAGE=self.gateway.path("page")))
-            came(lambda: not self.daemon.alive() or self.is_up(), 5)
-        self.attempt("start", self.chance.randint(1, 1500), deed)
-
-    @staticmethod
-    def library():
-        """What is preloaded."""
-        return Run.preload("fail_malloc")
-
-    def attempt(self, what, first, deed):
-        """Arm, act, and see to what it leads."""
-        many = self.chance.randint(1, 5)
-        self.tries += 1
+    def attempt(self, deed, first):
+        """Arm, act, and see to what it leads; give whether something was refused."""
+        if deed == "start":
+            self.end_daemon()
+        elif self.daemon is None:
+            self.launch()
+            assert wait_for(self.is_well, WELL_WITHIN), self.gateway.log.texts()
+        act, many = getattr(self, deed), self.chance.randint(1, 5)
+        if deed == "a_service_dies":
+            wait_for(lambda: age(self.oldest()) > AGE, AGE + 5)
+        self.connect(deed)
+        self.pages.turn()
         self.page.arm(first, many)
         try:
-            deed()
-            came(lambda: self.page.failed() or self.page.count() > first, 0.2)
+            finished = act()
         except (dbus.exceptions.DBusException, AssertionError, OSError):
-            pass  # whoever asks may be refused
+            finished = lambda: True  # noqa: E731  (whoever asks may be refused)
+        wait_for(lambda: self.daemon.status is not None or self.page.failed() >= many or finished(), DEED_WITHIN)
         self.page.disarm()
-        if not self.page.failed():
-            what += ", nothing refused"
-        self.refused += self.page.failed() > 0
-        self.judge(f"{what}, allocation {first} and {many - 1} more")
+        failed = self.page.failed()
+        if failed:
+            self.refused += 1
+            self.sites.add((deed, first))
+        else:
+            self.idle.append((deed, first))
+        self.judge(f"{deed}, allocation {first} and {many - 1} more, {failed} refused")
+        return failed > 0
+
+    def connect(self, deed):
+        """A client of the bus, whose coming is not a part of what is refused."""
+        if self.client is not None:
+            self.client.close()
+            self.client = None
+        if deed != "start":
+            self.client = Bus(10)
+            self.client.settle()
 
     def judge(self, what):
         """It is well again, or gone with all that belongs to it."""
-        decided = came(lambda: self.daemon.status is not None or self.is_well(), HEALTHY_WITHIN)
+        decided = wait_for(lambda: self.daemon.status is not None or self.is_well_for_long(), WELL_WITHIN)
         if decided and self.daemon.status is None:
             return
-        if self.daemon.status is None and not came(lambda: self.daemon.status is not None, END_WITHIN):
-            self.faults.append(f"{what}: it is neither well nor gone: {self.gateway.log.texts()[-6:]}")
-            self.daemon.signal(9)
+        if self.daemon.status is None:
+            seen = f"{processes.tree()} {self.gateway.log.texts()[-60:]}"
+            self.faults.append(f"{'lost' if self.helps() else 'hung'}: {what}: {seen}")
+            self.end_daemon()
+            return
+        self.ended += 1
+        if self.daemon.status == -signal.SIGALRM:
+            self.faults.append(f"alarm: {what}: {self.gateway.log.texts()[-6:]}")
+        elif not self.is_right():
+            self.faults.append(f"status: {what}: {self.daemon.status} {self.gateway.log.texts()[-6:]}")
+        if not wait_for(lambda: not strangers(), 3):
+            self.faults.append(f"left: {what}: {[processes.arguments(pid) for pid in strangers()]}")
+        self.end_daemon()
+
+    def is_right(self):
+        """Whether its status is that of a forced exit, or of an image that fails before it has started anything, and
+        says so."""
+        text = self.gateway.log.bytes()
+        image = text[text.rfind(b"quorvaned start, pid:"):]
+        return self.daemon.status == 0 or self.daemon.status == FAILED_START and (
+            b"fail to init service environment" in image
+            or ABORTED in image and b"initialize the running environment" not in image)
+
+    def helps(self):
+        """Whether a restart of the stack brings all back."""
+        try:
+            self.pages.turn()
+            Bus(1).reboot()
+        except (dbus.exceptions.DBusException, AssertionError):
+            return False
+        return wait_for(self.is_well, WELL_WITHIN)
+
+    def end_daemon(self):
+        """Nothing is left, however it comes."""
+        if self.daemon is not None and self.daemon.status is None:
+            self.daemon.signal(signal.SIGKILL)
             self.daemon.wait()
-        else:
-            self.ended += 1
-        if not came(lambda: not strangers(), 1):
-            self.faults.append(f"{what}: left behind: {[processes.arguments(pid) for pid in strangers()]}")
-            for pid in strangers():
-                os.kill(pid, 9)
+        for pid in strangers():
+            os.kill(pid, signal.SIGKILL)
         self.daemon = None
 
+    def launch(self):
+        """A new daemon."""
+        libraries = f"{Run.preload('fail_malloc')} {Run.preload('short_waits')}"
+        self.daemon = self.gateway.start(env=dict(os.environ, LD_PRELOAD=libraries,
+                                                  FAIL_MALLOC_PAGE=self.gateway.path("page")))
+
     def is_up(self):
-        """The stack is up, by the log."""
-        return UP in self.gateway.log.texts(pid=self.daemon.pid)
+        """Whether the last cycle of the page is up; the end of the one before may stand on it."""
+        text = self.gateway.log.bytes()
+        up = text.rfind(UP.encode())
+        return up > text.rfind(b"stop monitor service") and up > text.rfind(FINISH.encode())
 
     def is_well(self):
-        """Everything that is supervised runs, or does after a restart of the stack; nothing is there twice."""
+        """Each program runs once and those that are supervised are reported, each thread lives, nothing is going on."""
+        if counted() != EXPECTED or not THREADS <= threads(self.daemon.pid):
+            return False
+        text = self.gateway.log.bytes()
+        if text.rfind(UP.encode()) < text.rfind(b"stop monitor service"):
+            return False
         try:
             client = Bus(0.3)
-            report = client.report()
-            if report.count("\033[32mactive") == SERVICES + 1:
-                return len(processes.children(self.daemon.pid)) <= SERVICES + 4
-            if report:
-                client.reboot()
-                time.sleep(1.5)
+            active = re.findall(r"\033\[32mactive\033\[0m, pid is (\d+)", client.report())
+            client.close()
         except (dbus.exceptions.DBusException, AssertionError):
-            pass
-        return False
+            return False
+        return len(active) == SERVICES + 1 and set(map(int, active)) <= set(self.daemon.services())
 
-    # What is done to it
+    def is_well_for_long(self):
+        """Whether it is, and still is when it has had the time to begin something."""
+        if not self.is_well():
+            return False
+        time.sleep(0.1)
+        return self.is_well()
 
-    def report(self):
-        """Ask for the report."""
-        Bus(1).report()
+    def comes_back(self):
+        """In the end the monitor still does its work."""
+        if self.daemon is None:
+            return
+        victim = self.oldest()
+        os.kill(victim, signal.SIGKILL)
+        if not wait_for(lambda: not processes.alive(victim) and self.is_well(), WELL_WITHIN):
+            self.faults.append(f"lost: in the end a service that was killed: {self.gateway.log.texts()[-60:]}")
 
-    def feed(self):
-        """Feed a keep-alive that was not there before."""
-        Bus(1).feed("iot.test.named", f"item {self.tries}", 600)
+    def oldest(self):
+        """The pid of the supervised service that runs longest."""
+        return max((pid for pid in self.daemon.services() if processes.arguments(pid)[:1] == ["sleep"]
+                    and not spared(pid)), key=age)
 
-    def bad_triple(self):
-        """An identity that is none."""
-        Bus(1).set_triple('{"productkey": ["' + "x" * 500 + '"]')
+    # What is done to it: each gives what tells when all of it is done
 
-    def good_triple(self):
-        """An identity."""
-        Bus(1).set_triple('{"productkey":"p","devicename":"d","devicesecret":"s"}')
+    def start(self):
+        """A start."""
+        self.launch()
+        return self.is_up
 
     def reboot(self):
         """A restart of the stack."""
-        Bus(1).reboot()
-        came(lambda: self.page.failed() > 0, 2.5)
+        self.client.reboot()
+        return self.is_up
+
+    def report(self):
+        """Ask for the report."""
+        self.client.call(DAEMON, "get_le_status", within=3)
+        return lambda: True
+
+    def feed(self):
+        """Feed a keep-alive that was not there before."""
+        self.client.feed("iot.test.named", f"item {self.refused}", 600)
+        return lambda: True
+
+    def bad_identity(self):
+        """An identity that is none."""
+        self.client.call(DAEMON, "set_gateway_triple", "s", '{"productkey": ["' + "x" * 500 + '"]', within=3)
+        return lambda: True
+
+    def identity(self):
+        """An identity, which leads to a restart of the stack."""
+        self.client.call(DAEMON, "set_gateway_triple", "s",
+                         '{"productkey":"p","devicename":"d","devicesecret":"s"}', within=3)
+        return self.is_up
 
     def look(self):
         """Look at its interface."""
-        Bus(1).call((*DAEMON[:2], "org.freedesktop.DBus.Introspectable"), "Introspect")
+        self.client.call((*DAEMON[:2], "org.freedesktop.DBus.Introspectable"), "Introspect", within=3)
+        return lambda: True
 
     def names(self):
-        """Names that come and go."""
-        client = Bus(1)
-        client.own("iot.test.other")
-        client.close()
+        """A name that comes."""
+        self.client.own("iot.test.other")
+        self.client.settle()
+        return lambda: True
 
-    def death(self):
-        """A service dies."""
-        os.kill(self.gateway.pid_of(f"s{self.chance.randrange(SERVICES)}"), 9)
-        came(lambda: self.page.failed() > 0, 0.3)
+    def the_bus_dies(self):
+        """The bus daemon is killed."""
+        os.kill(next(pid for pid in self.daemon.services() if processes.program(pid) == "dbus-daemon"), signal.SIGKILL)
+        return self.is_up
+
+    def upgrade(self):
+        """What an upgrade agent does, whether it gets its answer or not."""
+        try:
+            self.client.call(DAEMON, "start_upgrade", within=3)
+        except dbus.exceptions.DBusException:
+            pass
+        wait_for(lambda: self.daemon.status is not None or not [
+            pid for pid in self.daemon.services() if not spared(pid)], 5)
+        return self.new_image()
+
+    def new_image(self):
+        """The image is replaced. What that leaves of the old one's services is ended."""
+        old = self.daemon.services()
+        self.daemon.signal(signal.SIGUSR2)
+        wait_for(lambda: self.daemon.status is not None or self.gateway.log.has(FINISH), 5)
+        kill(old)
+        return self.is_up
+
+    def a_service_dies(self):
+        """A service dies, and is started again by the monitor."""
+        victim = self.oldest()
+        os.kill(victim, signal.SIGKILL)
+        return lambda: not processes.alive(victim) and counted() == EXPECTED
+
+    def end(self):
+        """It is asked to end."""
+        self.daemon.signal(signal.SIGTERM)
+        return lambda: False

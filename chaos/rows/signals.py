@@ -78,14 +78,7 @@ class Shots:
         for place, number in enumerate(numbers):
             if place and self.chance.random() < 0.5:
                 pause(self.chance.uniform(0, 0.02))
-            try:
-                daemon.signal(number)
-            except ProcessLookupError:
-                numbers = numbers[:place]
-                if phase != "upgrade" and not any(end in self.text() for end in (FORCED, NORMAL)):
-                    self.faults.append(f"status: {phase} {numbers}: it was gone before its time: {self.text()[-600:]}")
-                break
-        self.signals += len(numbers)
+            daemon.signal(number)  # nobody has waited for it, so there is somebody to signal, if only a zombie
         self.follow(f"{phase} {[int(number) for number in numbers]}", phase, daemon, numbers)
 
     def bring_to(self, phase, begun, daemon):
@@ -110,6 +103,7 @@ class Shots:
         handle = os.pidfd_open(daemon.pid)
         if not came(lambda: self.are_caught(phase, set(numbers)), 4):
             self.faults.append(f"line: {what}: {self.text()[-600:]}")
+        self.signals += len(self.caught(set(numbers)) if phase == "upgrade" else set(numbers))
         if self.last_caught() == CAUGHT[signal.SIGUSR2] and came(self.is_up_again, 30):
             self.images += 1
             phase = "up"
@@ -132,11 +126,16 @@ class Shots:
         SIGUSR2: its new image catches the other. The end has begun with a signal of its own."""
         text = self.gateway.log.bytes()
         if phase == "upgrade":
-            lines = sorted((text.find(CAUGHT[number].encode()), number) for number in numbers
-                           if CAUGHT[number].encode() in text)
-            return lines and (lines[0][1] != signal.SIGUSR2 or len(lines) == len(numbers))
+            lines = self.caught(numbers)
+            return lines and (lines[0] != signal.SIGUSR2 or len(lines) == len(numbers))
         own = {signal.SIGTERM} if phase == "end" else set()
         return all(text.count(CAUGHT[number].encode()) > (number in own) for number in numbers)
+
+    def caught(self, numbers):
+        """Those that have their line, in the order of the lines."""
+        text = self.gateway.log.bytes()
+        found = {number: text.find(CAUGHT[number].encode()) for number in numbers}
+        return sorted((number for number in numbers if found[number] >= 0), key=found.get)
 
     def text(self):
         """The page."""
