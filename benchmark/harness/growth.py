@@ -8,7 +8,7 @@ from floor import Starter
 from gateway import DAEMON, Gateway, program, run
 from registry import measurement
 from slots import span_s
-from stopping import floor_s, ours_s
+from stopping import Watch, reboot
 from table import Chart, Row
 from usage import Usage
 
@@ -24,6 +24,14 @@ COSTS = {
 }
 
 
+def stop_us(slots, stop):
+    """Microseconds from one end to the next; not from the log, which begins anew under so many lines."""
+    watch = Watch(slots)
+    stop()
+    first, last = watch.ends_ns()
+    return (last - first) / 1e3 / (slots.count - 1)
+
+
 def costs_of(count, quick):
     """All costs with so many services."""
     with Gateway(slots=count) as gateway:
@@ -36,10 +44,10 @@ def costs_of(count, quick):
         trips = [int(line.split()[0]) / 1e3 for line in run(words, 60).splitlines()]
         ours = {"start": span_s(gateway.told) / (count - 1) * 1e6, "status": statistics.median(trips),
                 "cpu": (after.cpu_ns - before.cpu_ns) / 1e6 * 60 / seconds, "memory": after.pss_kib,
-                "stop": ours_s(gateway, False) / count * 1e6}
+                "stop": stop_us(gateway.slots, reboot)}
     with Starter(count) as starter:
         floor = {"start_floor": span_s(starter.told) / (count - 1) * 1e6,
-                 "stop_floor": floor_s(starter) / count * 1e6}
+                 "stop_floor": stop_us(starter.slots, starter.end_all)}
     return {**ours, **floor}
 
 

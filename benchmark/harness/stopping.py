@@ -16,16 +16,17 @@ WHY = "each service has a line in the log before its signal; the floor writes no
 
 
 class Watch:
-    """Sees the last service end."""
+    """Sees the services end."""
 
     def __init__(self, slots):
         self.process = subprocess.Popen([program("death_watch"), str(slots.count), slots.path],
                                         stdout=subprocess.PIPE, text=True)
         self.process.stdout.readline()
 
-    def end_ns(self):
-        """When it ended, in ns since 1970."""
-        return int(self.process.communicate(timeout=60)[0])
+    def ends_ns(self):
+        """When the first and the last ended, in ns since 1970."""
+        first, last = self.process.communicate(timeout=60)[0].split()
+        return int(first), int(last)
 
 
 def logged_ns(text):
@@ -35,25 +36,29 @@ def logged_ns(text):
     return line and int(datetime.datetime.strptime(line[:26], "%Y-%m-%d %H:%M:%S.%f").timestamp() * 1e6) * 1000
 
 
+def reboot():
+    """Have the daemon end its services and start them again."""
+    run(["dbus-send", f"--bus={ADDRESS}", "--print-reply", f"--dest={DAEMON}", "/iot/gateway/quorvaned",
+         f"{DAEMON}.reboot"], 10)
+
+
 def ours_s(gateway, forced):
     """Seconds from the line before the stop of the services to the end of the last of them."""
     watch = Watch(gateway.slots)
     if forced:
         gateway.daemon.send_signal(signal.SIGTERM)
-        end = watch.end_ns()
-        return (end - until(lambda: logged_ns("quorvaned exit (force)"), 10, "the line of the end")) / 1e9
-    run(["dbus-send", f"--bus={ADDRESS}", "--print-reply", f"--dest={DAEMON}", "/iot/gateway/quorvaned",
-         f"{DAEMON}.reboot"], 10)
-    # Looked for at once: the lines of two thousand deaths make the log begin anew.
-    begin = until(lambda: logged_ns("stop business service"), 10, "the line of the teardown")
-    return (watch.end_ns() - begin) / 1e9
+    else:
+        reboot()
+    _, end = watch.ends_ns()
+    line = "quorvaned exit (force)" if forced else "stop business service"
+    return (end - until(lambda: logged_ns(line), 10, line)) / 1e9
 
 
 def floor_s(starter):
     """Seconds from the first signal to the end of the last service."""
     watch = Watch(starter.slots)
     begin = starter.end_all()
-    return (watch.end_ns() - begin) / 1e9
+    return (watch.ends_ns()[1] - begin) / 1e9
 
 
 def stopped(side, count, forced):

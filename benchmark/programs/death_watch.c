@@ -1,6 +1,6 @@
 // usage: death_watch COUNT FILE
-// Watches the COUNT services whose pids are in FILE. Prints "ready", and when the last has ended, the moment of that in
-// nanoseconds since 1970.
+// Watches the COUNT services whose pids are in FILE. Prints "ready", and when all have ended, the moments of the first
+// and of the last end in nanoseconds since 1970.
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -10,6 +10,12 @@
 #include <unistd.h>
 
 #include "slots.h"
+
+static int64_t now_ns(void) {
+  struct timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  return (int64_t)now.tv_sec * 1000000000 + now.tv_nsec;
+}
 
 int main(int argc, char** argv) {
   if (argc != 3) return 2;
@@ -25,14 +31,14 @@ int main(int argc, char** argv) {
   }
   puts("ready");
   fflush(stdout);
+  int64_t first_ns = 0;
   for (int left = count; left > 0;) {
     struct epoll_event ended[64];
     const int news = epoll_wait(watch, ended, 64, -1);
+    if (first_ns == 0) first_ns = now_ns();
     for (int place = 0; place < news; ++place) close(ended[place].data.fd);
     left -= news > 0 ? news : 0;
   }
-  struct timespec now;
-  clock_gettime(CLOCK_REALTIME, &now);
-  printf("%lld\n", (long long)now.tv_sec * 1000000000 + now.tv_nsec);
+  printf("%lld %lld\n", (long long)first_ns, (long long)now_ns());
   return 0;
 }
