@@ -90,7 +90,6 @@ class Faults:
         self.daemon = None
         self.wrong = []  # what was seen on the way that must not be
         self.handed_over = 0
-        self._image_since = 0.0
         self._clock = self._map(environment["WALL_CLOCK"])
 
     @staticmethod
@@ -102,13 +101,8 @@ class Faults:
 
     def start(self):
         """Start the daemon, as an operator does."""
-        self._image_since = up_time()
         self.daemon = self.gateway.start(env=self.environment)
         self.model.daemon_started(self.daemon.pid)
-
-    def is_older(self, pid):
-        """Whether a process is older than the daemon's image."""
-        return started_at(pid) < self._image_since
 
     def processes(self):
         """Name -> pids of the programs of the installation that run."""
@@ -430,7 +424,6 @@ class Faults:
         """What SIGUSR2 leaves alive of the old image, seen last at that moment, is nobody's any more. A busy machine
         may have let the new image start some already, which are ended as well."""
         self.model.image_replaced()
-        self._image_since = last_seen
         for pid in self._stack():
             name, started = processes.program(pid), started_at(pid)
             if self._signal(pid, signal.SIGKILL) and started > last_seen and name in self.model.unmonitored:

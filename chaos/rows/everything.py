@@ -137,8 +137,14 @@ class Rounds:
         self.descriptors = self.used()
 
     def used(self):
-        """How many descriptors the daemon has."""
-        return len(os.listdir(f"/proc/{self.faults.daemon.pid}/fd"))
+        """How many descriptors the daemon has, but for the one handle of a remote terminal that it has adopted: every
+        start of the stack that spares the terminal starts another one, which leaves again."""
+        pid = self.faults.daemon.pid
+        names = os.listdir(f"/proc/{pid}/fd")
+        terminals = self.faults.processes().get("RemoteTerminalDaemon", [])
+        handles = [name for name in names for terminal in terminals
+                   if f"\nPid:\t{terminal}\n" in processes.proc(pid, f"fdinfo/{name}")]
+        return len(names) - min(1, len(handles))
 
     def round(self, seconds):
         """One."""
@@ -263,9 +269,7 @@ class Look:
         self.locked = os.path.exists(PID_FILE) and processes.lock_owner(PID_FILE) == self.model.pid
         self._is("holds the lock", self.locked, self.model.locks)
         if self.rounds.descriptors is not None:
-            adopted = [pid for pid in self.running.get("RemoteTerminalDaemon", []) if self.rounds.faults.is_older(pid)]
-            gained = self.rounds.used() - self.rounds.descriptors - len(adopted)  # there is a handle of what it adopts
-            self._is("descriptors gained", max(0, gained), (0,))
+            self._is("descriptors gained", max(0, self.rounds.used() - self.rounds.descriptors), (0,))
         for name in PLAIN:
             for pid in self.running.get(name, []):
                 self._is(f"signals that {name} blocks", int(processes.status_field(pid, "SigBlk") or "0", 16), (0,))
