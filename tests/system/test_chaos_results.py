@@ -27,13 +27,13 @@ def write(path, text):
 
 
 @pytest.fixture
-def row(tmp_path, monkeypatch):
+def row(monkeypatch):
     """A row in a small tree of its own, whose name may be changed."""
-    monkeypatch.setattr(kept, "TOP", str(tmp_path))
+    monkeypatch.setattr(kept, "TOP", "/tmp/tree")  # every test has a /tmp of its own
     for path, text in FILES.items():
         write(path, text)
     module = types.ModuleType("one")
-    exec(compile("def body(): pass", str(tmp_path / ROW), "exec"), module.__dict__)
+    exec(compile("def body(): pass", os.path.join(kept.TOP, ROW), "exec"), module.__dict__)
     return types.SimpleNamespace(name="one", body=module.body, seeds=())
 
 
