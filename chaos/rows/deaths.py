@@ -90,9 +90,8 @@ def kill_storm(run):
     gateway.prepare_run_directory()
     daemon = gateway.start()
     clock.until(lambda: UP.encode() in gateway.log.bytes(), 90, "the stack is up")
-    gateway.bus().report()  # the longest text that it makes: its memory is part of what is used from the beginning
     storm = Storm(names, Pages(gateway), old_enough=500 if run.is_long else 5)
-    base = storm.rage(run, daemon)
+    base = storm.rage(run, gateway, daemon)
     whole = came(lambda: len(sleeping(daemon)) == len(names), 45)
     for _ in range(2):
         storm.follow()
@@ -141,7 +140,7 @@ class Storm:
         # A start counts from the line before it: what follows may be held up.
         self._pids, self._asked, self._started, self._died = {}, {}, {}, {}
 
-    def rage(self, run, daemon):
+    def rage(self, run, gateway, daemon):
         """Kill until enough has been restarted; give what the daemon used after the first thousand."""
         base = None
         next_kill = next_look = time.monotonic()
@@ -151,6 +150,7 @@ class Storm:
                 self.follow()
                 run.progress(len(self.waits))
             if base is None and len(self.waits) >= 1000:
+                gateway.bus().report()  # as at the end: it is the longest text that the daemon makes
                 base = least_usage(daemon)
                 next_kill = time.monotonic()
             self._kill(run.chance.choice(self.names))
