@@ -1,5 +1,7 @@
 #include "service_control.h"
 
+#include <sys/stat.h>
+
 #include <csignal>
 #include <cstdlib>
 #include <iterator>
@@ -19,7 +21,10 @@ namespace Tessaro::Iot::Component {
 
 namespace {
 
+constexpr mode_t mode_bits = 07777;
 constexpr mode_t bus_directory_mode = 0755;
+constexpr mode_t closed_directory_mode = 0700;
+constexpr mode_t bus_socket_mode = 0600;
 constexpr int32_t config_timeout_ms = 3000;
 constexpr int32_t lowest_signalled_pid = 2;  // 0 is the own process group, 1 is init
 
@@ -146,6 +151,7 @@ int32_t CServiceControl::start_dbus_daemon(ServiceRecord* record) {
   // Any local user could have prepared the path below /tmp. An ordinary user may be unable to move it aside: then the
   // bus does not come up, or is refused as another user's when the channels connect.
   (void)CDir::make_trusted(Paths::bus_directory_base, Paths::bus_directory, bus_directory_mode);
+  close_bus_directory();
   if (CFile::isFile(Paths::bus_pid_file)) (void)CFile::remove(Paths::bus_pid_file);
   // A bus daemon that still listens here belongs to an earlier image of this process; the services would find the new
   // one and this daemon the old one.
@@ -153,6 +159,20 @@ int32_t CServiceControl::start_dbus_daemon(ServiceRecord* record) {
   const ProcessRef started = start_process(record, common_plan(record->exec, record->args));
   store_dbus_daemon(started);
   return started.pid;
+}
+
+// The bus daemon makes its socket for everybody. It lets in nobody but root and its own user, but whoever connects takes
+// the place of one who waits to be let in.
+void CServiceControl::close_bus_directory() {
+  struct stat found {};
+  if (::stat(Paths::bus_directory, &found) != 0 || (found.st_mode & mode_bits) != bus_directory_mode) return;
+  bus_directory_closed = ::chmod(Paths::bus_directory, closed_directory_mode) == 0;
+}
+
+void CServiceControl::open_bus_directory() {
+  (void)::chmod(Paths::bus_socket, bus_socket_mode);
+  if (bus_directory_closed) (void)::chmod(Paths::bus_directory, bus_directory_mode);
+  bus_directory_closed = false;
 }
 
 // Always SIGTERM, whatever `force` says: the bus daemon is given the chance to leave in order.

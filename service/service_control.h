@@ -41,6 +41,11 @@ class CServiceControl {
   // not wait for the process to end.
   void stop_service(ServiceRecord* record, bool force);
 
+  // Lets everybody into the directory of the bus again, which a start of the bus daemon has closed to other users where it
+  // had the usual mode, and keeps the socket to root and the own user. To be called once the bus daemon has answered.
+  // Context: controller thread.
+  void open_bus_directory();
+
   // The common start: "./" followed by `exec`, output to /dev/null, killed when the daemon dies (but the two services
   // that are to outlive it). Returns the pid, 0 when the fork failed.
   int32_t start_common_service(ServiceRecord* record);
@@ -58,6 +63,7 @@ class CServiceControl {
   using StopHandler = TFunction2<void, ServiceRecord*, bool>;
 
   int32_t start_dbus_daemon(ServiceRecord* record);
+  void close_bus_directory();
   int32_t start_ngnix_service(ServiceRecord* record);
   int32_t start_scene_service(ServiceRecord* record);
   void stop_dbus_daemon(ServiceRecord* record, bool force);
@@ -73,6 +79,7 @@ class CServiceControl {
   std::map<std::string, StopHandler> stop_handlers;
   CDBusChannel* watchdog_channel;
   CConfigAgent* config_agent;
+  bool bus_directory_closed = false;  // by the controller thread, which alone uses it
 
   std::mutex lock;                 // guards the three below
   int32_t dbus_daemon_pid = -1;    // -1: none

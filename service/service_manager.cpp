@@ -153,6 +153,8 @@ void CServiceManager::run_dbus_daemon() {
   service_control->start_service(&record);
 }
 
+void CServiceManager::open_bus_directory() { service_control->open_bus_directory(); }
+
 void CServiceManager::stop_dbus_daemon() {
   ServiceRecord record;
   record.exec = "dbus-daemon";
@@ -300,11 +302,15 @@ bool CServiceManager::adopt_remote_terminal(ServiceRecord* record, ProcessRef en
   for (const int32_t pid : pids) {
     UniqueFd handle = open_program(pid, remote_terminal);
     if (!handle.valid()) continue;  // ended since it was found
+    const ProcessRef adopted = CProcessHost::instance().adopt(pid, std::move(handle));
     {
       const std::lock_guard guard(record->lock);
-      if (record->process != ended) return true;  // the monitor or a teardown has stopped it meanwhile
+      if (record->process != ended) {  // the monitor or a teardown has stopped it meanwhile
+        CProcessHost::instance().forget(adopted);
+        return true;
+      }
       CProcessHost::instance().forget(record->process);
-      record->process = CProcessHost::instance().adopt(pid, std::move(handle));
+      record->process = adopted;
       record->pid = pid;
     }
     // It says "old pid" and shows the new one: kept as it is, tools match on it.

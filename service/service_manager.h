@@ -54,6 +54,10 @@ class CServiceManager : public CThread {
   void run_dbus_daemon();
   void stop_dbus_daemon();
 
+  // To be called once the bus daemon has answered: until then its directory is closed to other users.
+  // Context: controller thread.
+  void open_bus_directory();
+
   // Starts every service in table order, each waited for by its bus name (5 s at most) or its delay.
   // Context: controller thread; the main thread starts those that are not waited for, meanwhile.
   void run_services();

@@ -1,6 +1,5 @@
 #include "start_up.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -36,7 +35,6 @@ constexpr int32_t config_success = 0;
 constexpr int32_t config_no_value = 100100;
 constexpr int32_t default_feed_s = 60;
 constexpr size_t longest_triple = size_t{64} * 1024;  // bytes; parsing takes some fifty times as much memory
-constexpr mode_t bus_socket_mode = 0600;
 
 constexpr const char* watchdog_name = "iot.gateway.watchdog";
 constexpr const char* watchdog_path = "/iot/gateway/watchdog";
@@ -106,7 +104,9 @@ bool CStartup::start() {
   }
   running = false;
   exit_requested = false;
-  return createThread();
+  if (createThread()) return true;
+  STARTUP_LOG("fail to create start up thread");
+  return false;
 }
 
 bool CStartup::is_running() const { return running && !exit_requested; }
@@ -158,8 +158,7 @@ void CStartup::bring_up() {
   wait_until_bus_listens();
   int32_t attempts = 0;  // one counter for both channels, deliberately not reset between them
   connect_channel(*watchdog_channel, "watchdog", attempts);
-  // The bus lets in nobody but root and its own user; others shall not even take the places of those who wait.
-  if (running) (void)::chmod(Paths::bus_socket, bus_socket_mode);
+  if (running) service_manager->open_bus_directory();
   connect_channel(*quorvaned_channel, "quorvaned", attempts);
   if (running) start_business_services();
 }

@@ -19,7 +19,7 @@ namespace Tessaro::Iot::Component {
 
 namespace {
 
-constexpr int64_t setup_timeout_ms = 2000;
+constexpr int64_t setup_timeout_ms = 1900;  // a whole attempt takes no more than 2 s
 constexpr int64_t farewell_timeout_ms = 500;
 constexpr int64_t reconnect_interval_ms = 500;
 constexpr int wait_for_ever = -1;

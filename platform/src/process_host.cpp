@@ -24,6 +24,9 @@
 // target up and signals it. A sender therefore finds the child in the table, and then its number is still taken, or
 // does not find it and sends nothing. The serial tells two children apart that were given the same number one after
 // the other.
+//
+// Nothing is allocated while the lock is held: where there is no memory the process ends on the spot, and its end, which
+// signals the services, needs the lock.
 
 namespace Tessaro::Iot::Component {
 
@@ -76,8 +79,9 @@ void CProcessHost::run_steps(const Step& step) {
     return;
   }
   Request request{step};
+  std::list<Request*> entry{&request};
   std::unique_lock lock(mutex_);
-  requests_.push_back(&request);
+  requests_.splice(requests_.end(), entry);
   const uint64_t one = 1;
   (void)!::write(request_event_.get(), &one, sizeof one);  // full: the host is awake already
   served_.wait(lock, [&request] { return request.done; });
@@ -85,11 +89,15 @@ void CProcessHost::run_steps(const Step& step) {
 
 ProcessRef CProcessHost::fork_and_store(const CSpawnPlan& plan, const StartedHandler& on_started) {
   ProcessRef process;
+  std::map<int32_t, uint64_t> fresh{{0, 0}};
+  auto entry = fresh.extract(fresh.begin());
   const int32_t pid = sys::fork_child(plan);
   if (pid > 0) {
     const std::lock_guard lock(mutex_);
     process = ProcessRef{pid, next_serial_++};
-    children_[pid] = process.serial;
+    entry.key() = pid;
+    entry.mapped() = process.serial;
+    (void)children_.insert(std::move(entry));
   }
   if (on_started) on_started(process);
   return process;
@@ -97,9 +105,13 @@ ProcessRef CProcessHost::fork_and_store(const CSpawnPlan& plan, const StartedHan
 
 ProcessRef CProcessHost::adopt(int32_t pid, UniqueFd handle) {
   if (!handle.valid()) return ProcessRef{pid, 0};
+  std::map<uint64_t, UniqueFd> fresh;
+  fresh.emplace(0, std::move(handle));
+  auto entry = fresh.extract(fresh.begin());
   const std::lock_guard lock(mutex_);
   const ProcessRef process{pid, next_serial_++};
-  adopted_.emplace(process.serial, std::move(handle));
+  entry.key() = process.serial;
+  (void)adopted_.insert(std::move(entry));
   return process;
 }
 

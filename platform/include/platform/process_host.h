@@ -7,10 +7,10 @@
 
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
+#include <list>
+#include <map>
 #include <mutex>
 #include <thread>
-#include <unordered_map>
 
 #include "platform/function.h"
 #include "platform/spawn_plan.h"
@@ -104,9 +104,9 @@ class CProcessHost {
 
   std::mutex mutex_;  // guards the four below
   uint64_t next_serial_ = 1;
-  std::unordered_map<int32_t, uint64_t> children_;  // pid to serial, from the fork to the reap
-  std::unordered_map<uint64_t, UniqueFd> adopted_;  // serial to pidfd
-  std::deque<Request*> requests_;                   // each owned by the thread that waits for it
+  std::map<int32_t, uint64_t> children_;  // pid to serial, from the fork to the reap
+  std::map<uint64_t, UniqueFd> adopted_;  // serial to pidfd
+  std::list<Request*> requests_;          // each owned by the thread that waits for it
 
   std::condition_variable served_;
   std::thread::id host_thread_;  // written before any other thread exists

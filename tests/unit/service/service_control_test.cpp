@@ -184,12 +184,26 @@ class BusDaemonControl : public ServiceControl {
 TEST_F(BusDaemonControl, FirstStartMakesTheDirectoryAndKillsNobody) {
   std::filesystem::remove_all("/tmp/var/run/mbusd");
   const int32_t pid = start_bus();
-  EXPECT_EQ(std::filesystem::status("/tmp/var/run/mbusd").permissions(), std::filesystem::perms{0755});
   EXPECT_THAT(world.lines, ElementsAre("run dbus-daemon pid " + std::to_string(pid)));
   EXPECT_EQ(last_plan().program, "./dbus-daemon");
   EXPECT_THAT(last_plan().arguments,
               ElementsAre("dbus-daemon", "--nofork", "--config-file=./mbusd.conf", "--print-address"));
   EXPECT_EQ(last_plan().parent_death_signal, SIGKILL);
+}
+
+TEST_F(BusDaemonControl, DirectoryIsClosedToOthersUntilTheBusAnswers) {
+  const auto mode_of = [](const char* path) { return std::filesystem::status(path).permissions(); };
+  for (const auto& [before, meanwhile] : {std::pair(0755, 0700), std::pair(0711, 0711)}) {
+    SCOPED_TRACE(before);
+    std::filesystem::remove_all("/tmp/var/run/mbusd");
+    std::filesystem::create_directories("/tmp/var/run/mbusd");
+    std::filesystem::permissions("/tmp/var/run/mbusd", std::filesystem::perms(before));
+    for (int cycle = 0; cycle < 2; ++cycle) (void)start_bus();  // the first one never answered
+    EXPECT_EQ(mode_of("/tmp/var/run/mbusd"), std::filesystem::perms(meanwhile));
+    control.open_bus_directory();
+    EXPECT_EQ(mode_of("/tmp/var/run/mbusd"), std::filesystem::perms(before));
+    EXPECT_EQ(mode_of("/tmp/var/run/mbusd/mbusd_socket"), std::filesystem::perms{0600});
+  }
 }
 
 TEST_F(BusDaemonControl, SecondStartEndsTheRecordedOneFirst) {
