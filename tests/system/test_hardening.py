@@ -8,6 +8,7 @@ import re
 import shlex
 import socket
 import stat
+import time
 
 import dbus
 import pytest
@@ -149,6 +150,31 @@ def test_another_user_cannot_even_connect_to_the_bus(installed):
     installed.log.wait_for(UP, 20, after=up)
     assert knock() == "Permission denied"
     assert daemon.alive()
+
+
+@needs_other_users
+def test_another_user_finds_no_moment_of_a_start_in_which_he_may_connect(gateway):
+    told, tell = os.pipe()
+    if os.fork() == 0:
+        becomes(NOBODY)()
+        tries = 0
+        while True:
+            with socket.socket(socket.AF_UNIX) as connection:
+                if connection.connect_ex(SOCKET) == 0:
+                    os.write(tell, b"connected;")
+            tries += 1
+            if tries == 100:
+                os.write(tell, b"tries;")
+            time.sleep(0.0002)
+    assert os.read(told, 100) == b"tries;"
+    gateway.up()
+    for _ in range(5):
+        up = gateway.log.find(UP)[-1]
+        gateway.bus().reboot()
+        gateway.log.wait_for(UP, 20, after=up)
+    os.set_blocking(told, False)
+    with pytest.raises(BlockingIOError):
+        os.read(told, 100)
 
 
 @needs_other_users
