@@ -12,7 +12,7 @@ from harness import processes
 from harness.gateway import UP, Daemon, Service
 from harness.sandbox import REPOSITORY
 from pages import Pages
-from row import at_least, at_most, none, row
+from row import at_most, none, row
 
 SANITIZED = os.path.join(REPOSITORY, "build-leaks")
 
@@ -26,13 +26,12 @@ def leaks(run):
     """A cycle leaves nothing behind."""
     found = rounds(run)
     half = found[len(found) // 2:]
-    figures = [at_least("cycles", len(found), run.amount),
-               none("descriptors gained", half[-1][1] - half[0][1], None),
-               none("threads gained", half[-1][2] - half[0][2], None),
+    figures = [none(f"descriptors gained in {len(half)} cycles", half[-1][1] - half[0][1], half[-1][1]),
+               none(f"threads gained in {len(half)} cycles", half[-1][2] - half[0][2], half[-1][2]),
                # The first cycles use everything for the first time.
                at_most("slope of resident memory, for 1,000 cycles",
                        abs(slope([memory for memory, _, __ in half])) * 1000, 4 if run.is_long else 640, "KiB"),
-               at_most("resident memory gained in the second half", max(0, half[-1][0] - half[0][0]),
+               at_most(f"resident memory gained in {len(half)} cycles", max(0, half[-1][0] - half[0][0]),
                        4 if run.is_long else 256, "KiB")]
     if run.is_long:
         lost, errors = under_valgrind(run.gateway(), 50)
@@ -109,11 +108,15 @@ def under_valgrind(gateway, amount):
     with open(report, encoding="utf-8") as file:
         text = file.read()
     assert "HEAP SUMMARY" in text, "valgrind did not look"
-    def total(words):
-        return sum(int(number.replace(",", "")) for number in re.findall(words, text))
-    # Each kind of loss is an error as well.
-    return (total(r"(?:definitely|indirectly|possibly) lost: ([\d,]+)"),
-            total(r"ERROR SUMMARY: ([\d,]+)") - len(re.findall(r"are (?:definitely|possibly) lost in", text)))
+    lost = re.findall(r"(?:definitely|indirectly|possibly) lost: ([\d,]+)", text)
+    errors = re.findall(r"ERROR SUMMARY: ([\d,]+)", text)
+    losses = len(re.findall(r"are (?:definitely|possibly) lost in", text))  # each is an error as well
+    return added(lost), added(errors) - losses
+
+
+def added(numbers):
+    """What they come to, of the form 1,234."""
+    return sum(int(number.replace(",", "")) for number in numbers)
 
 
 def under_leak_sanitizer(run, amount):

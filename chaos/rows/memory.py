@@ -98,10 +98,10 @@ def memory(run):
     answers = side_by_side(run, count, lambda gateway, chance, number: Refusals(gateway, chance).sweep(
         run, number, count), limit=1190 if run.is_long else 190)
     kinds = by_kind(told(answers), ("hung", "lost", "status", "alarm", "left"))
-    refused, ended = (sum(answer[key] for answer in answers) for key in ("refused", "ended"))
-    reached, there = reached_sites(answers)
-    share = min(run.amount, 100) / 100 * 0.95 if run.is_long else 0  # the last ones are not the same in each try
-    return [at_least(f"sites of {there:,} at which an allocation was refused", reached, int(there * share)),
+    refused, ended = sum(len(answer["hit"]) for answer in answers), sum(answer["ended"] for answer in answers)
+    tried, there = swept(answers)
+    share = min(run.amount, 100) / 100 * 0.95 if run.is_long else 0.001  # some are of one try only
+    return [at_least(f"sites of {there:,} that were tried", tried, int(there * share)),
             none("tries after which it hung", kinds["hung"], refused),
             none("tries after which something stayed away until a \"reboot\"", kinds["lost"], refused),
             none("ends with a wrong status", kinds["status"], ended),
@@ -109,15 +109,17 @@ def memory(run):
             none("ends that left something but the spared", kinds["left"], ended)]
 
 
-def reached_sites(answers):
-    """(how many sites were reached, how many there are): those of a deed end where most tries find nothing to refuse"""
-    reached = there = 0
+def swept(answers):
+    """(how many sites were tried, how many there are): those of a deed end where the first tries but for a few find
+    nothing to refuse"""
+    tried = there = 0
     for deed in DEEDS:
         idle = sorted(site for answer in answers for name, site in answer["idle"] if name == deed)
         end = idle[len(idle) // 10] - 1 if idle else 0
         there += end
-        reached += len({site for answer in answers for name, site in answer["sites"] if name == deed and site <= end})
-    return reached, there
+        tried += len({site for answer in answers for name, site in answer["idle"] + answer["hit"]
+                      if name == deed and site <= end})
+    return tried, there
 
 
 class Refusals:
@@ -127,8 +129,8 @@ class Refusals:
         self.gateway, self.chance = gateway, chance
         self.page = Page(gateway.path("page"))
         self.pages = Pages(gateway)
-        self.refused = self.ended = 0
-        self.sites, self.idle, self.faults = set(), [], []
+        self.ended = 0
+        self.hit, self.idle, self.faults = [], [], []
         self.daemon = self.client = None
         gateway.prepare_run_directory()
         gateway.catalogue(*sleepers(SERVICES), Service("fota", program=ONLY_ONE),
@@ -145,8 +147,7 @@ class Refusals:
                 first = 1 + int((next(places) + self.chance.random()) * 100 / run.amount)
                 idle = 0 if self.attempt(deed, first) else idle + 1
         self.comes_back()
-        return {"sites": self.sites, "idle": self.idle, "refused": self.refused, "ended": self.ended,
-                "faults": self.faults}
+        return {"hit": self.hit, "idle": self.idle, "ended": self.ended, "faults": self.faults}
 
     def attempt(self, deed, first):
         """Arm, act, and see to what it leads; give whether something was refused."""
@@ -169,8 +170,7 @@ class Refusals:
         self.page.disarm()
         failed = self.page.failed()
         if failed:
-            self.refused += 1
-            self.sites.add((deed, first))
+            self.hit.append((deed, first))
         else:
             self.idle.append((deed, first))
         self.judge(f"{deed}, allocation {first} and {many - 1} more, {failed} refused")
@@ -298,7 +298,7 @@ class Refusals:
 
     def feed(self):
         """Feed a keep-alive that was not there before."""
-        self.client.feed("iot.test.named", f"item {self.refused}", 600)
+        self.client.feed("iot.test.named", f"item {len(self.hit)}", 600)
         return lambda: True
 
     def bad_identity(self):
@@ -339,8 +339,8 @@ class Refusals:
         return self.new_image()
 
     def new_image(self):
-        """The image is replaced. What that leaves of the old one's services is ended."""
-        old = self.daemon.services()
+        """The image is replaced. What that leaves of the old one's services is ended, but for what is to outlive it."""
+        old = [pid for pid in self.daemon.services() if not spared(pid)]
         self.daemon.signal(signal.SIGUSR2)
         wait_for(lambda: self.daemon.status is not None or self.gateway.log.has(FINISH), 5)
         kill(old)
