@@ -195,7 +195,9 @@ class Hangs:
             # Where it listens already, and has answered nobody yet, it holds up the controller's next try for sure.
             if not self.run.is_long or self.chance.random() < 0.5:
                 came(lambda: os.path.exists(SOCKET), 5)
-            pause(self.chance.choice((0.0, 0.02, 0.1, 0.5)) * self.chance.random())
+                pause(self.chance.uniform(0, 0.02))
+            else:
+                pause(self.chance.choice((0.0, 0.02, 0.1, 0.5)) * self.chance.random())
         else:
             self.pages.wait_for(UP, 30)
         bus = self.gateway.pid_of("dbus-daemon")

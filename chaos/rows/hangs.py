@@ -97,6 +97,7 @@ class Hangs:
         self.gateway, self.run, self.names = gateway, run, set(names)
         self.restarts = self.early = self.false = 0
         self.waits, self.edge_restarts = [], []
+        self._asked = {}  # name -> moment of the line before the start, which may be held up
         self._running = {}  # name -> pid, moment of the start, moment when it is to hang
         self._hanging = {}  # name -> pid, moment of the start, moment of the last feed
 
@@ -105,10 +106,11 @@ class Hangs:
         for event in events:
             if event.matches("threadProc, service(%s) status(%d) is abnormal"):
                 self._abnormal(event.values[0], event.time.timestamp())
+            elif event.matches("running %s service"):
+                self._asked[event.values[0]] = event.time.timestamp()
             elif event.matches("run %s pid %d") and event.values[0] in self.names:
-                moment = event.time.timestamp()
-                self._running[event.values[0]] = (event.values[1], moment,
-                                                  moment + self._life())
+                name, pid = event.values
+                self._running[name] = pid, self._asked[name], self._asked[name] + self._life()
 
     def _life(self):
         """How long a service lives before it hangs: well within the grace, or so long that its deadline lies beyond."""
@@ -117,6 +119,7 @@ class Hangs:
         return self.run.chance.uniform(28.5, 42 if self.run.is_long else 30)
 
     def _abnormal(self, name, moment):
+        self._asked[name] = moment
         if name == "edge":
             self.edge_restarts.append(moment)
         elif name not in self._hanging:
