@@ -31,13 +31,13 @@ def draw(chart):
     """Make the picture of a chart."""
     os.makedirs(PICTURES, exist_ok=True)
     lines = [
-        "set terminal svg size 720,420 font 'sans-serif,13' background '#ffffff'",
+        "set terminal svg size 720,520 font 'sans-serif,13' background '#ffffff'",
         f"set output {quoted(os.path.join(PICTURES, chart.name + '.svg'))}",
         f"set title {quoted(chart.title)} noenhanced",
         f"set xlabel {quoted(chart.x)} noenhanced",
         f"set ylabel {quoted(chart.y)} noenhanced",
         "set grid",
-        "set key outside right top noenhanced",
+        "set key below maxcols 2 Left reverse noenhanced",
     ]
     if chart.both_logarithmic:
         lines.append("set logscale xy")
