@@ -106,7 +106,7 @@ class Maker {
                                                    std::string(3000, 'x')};
     static const std::string very_long = [] {
       std::string text;
-      while (text.size() < 1024 * 1024) text += "[0,";
+      while (text.size() < 1'048'576) text += "[0,";
       return text;
     }();
     return below(10'000) == 0 ? very_long : texts[below(texts.size())];
