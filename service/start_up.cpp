@@ -34,7 +34,7 @@ constexpr int32_t config_long_timeout_ms = 10000;
 constexpr int32_t config_success = 0;
 constexpr int32_t config_no_value = 100100;
 constexpr int32_t default_feed_s = 60;
-constexpr size_t longest_triple = size_t{64} * 1024;  // bytes; parsing takes some fifty times as much memory
+constexpr size_t longest_triple = size_t{1024} * 1024;  // bytes; parsing takes some fifty times as much memory
 
 constexpr const char* watchdog_name = "iot.gateway.watchdog";
 constexpr const char* watchdog_path = "/iot/gateway/watchdog";

@@ -191,12 +191,12 @@ def test_an_identity_of_any_text_is_taken_and_the_daemon_goes_on(gateway):
     daemon = Watched(gateway, Service("svc", monitor=1),
                      Service("config", "--config=gw_system_productkey=old", "--config=gw_system_devicename=old",
                              bus="iot.dmp.configmanager"))
-    # No character, a zero: they could not be handed on.
-    for value in ("\\udc00", "a\\u0000b"):
+    # No character, a zero: they could not be handed on. More than a mebibyte: nobody's identity.
+    for value in ("\\udc00", "a\\u0000b", "x" * 600_000):
         assert daemon.triple(triple(productkey="X", devicename="X").replace("X", value)) == WRONG
     # Control characters, more than a line of the log, formats.
     for value in ("\\u001b[2J\\n2025-01-01 00:00:00.000000 [pid=1] [main.cpp|1] forged",
-                  "x" * 1_000_000, "%s%n%d"):
+                  "x" * 400_000, "%s%n%d"):
         assert daemon.triple(triple(productkey="X", devicename="X").replace("X", value)) == SUCCESS
         daemon.restarted()
         # The last step of the hand-over.

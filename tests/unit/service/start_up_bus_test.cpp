@@ -83,15 +83,15 @@ TEST_F(BusHandlers, TripleThatIsNoJsonIsRefused) {
 }
 
 // Parsing takes many times the memory of the text, and the bus carries texts of any size.
-TEST_F(BusHandlers, TripleOfMoreThan64KiBIsRefused) {
+TEST_F(BusHandlers, TripleOfMoreThanAMebibyteIsRefused) {
   const auto of_size = [](size_t size) {
     const std::string triple = R"({"productkey":"a","devicename":"b","devicesecret":"c"})";
     return triple + std::string(size - triple.size(), ' ');
   };
   while_up([&] {
-    EXPECT_EQ(reply("set_gateway_triple", {of_size(size_t{64} * 1024 + 1)}),
+    EXPECT_EQ(reply("set_gateway_triple", {of_size(size_t{1024} * 1024 + 1)}),
               R"({"code":2,"message":"dbus parameter format error"})");
-    EXPECT_EQ(reply("set_gateway_triple", {of_size(size_t{64} * 1024)}), R"({"code":0,"message":"Success"})");
+    EXPECT_EQ(reply("set_gateway_triple", {of_size(size_t{1024} * 1024)}), R"({"code":0,"message":"Success"})");
   });
 }
 
