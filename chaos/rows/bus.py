@@ -41,7 +41,7 @@ def bus_killed(run):
                none("daemons that ended", sum(answer["ended"] for answer in answers), len(answers)),
                at_most("longest way back beyond the catalogue's delays", max(waits, default=99.0), goal, "s")]
     if run.is_long:
-        figures += [at_least(f"kills, {Kills.PHASES[phase]}", kills[phase], run.amount // 10)
+        figures += [at_least(f"kills, {Kills.PHASES[phase]}", kills[phase], run.amount // 20)
                     for phase in ("up", "start", "teardown")]
         figures += [at_least(f"kills, {Kills.PHASES['early']}", len(early), 1),
                     at_most("longest way back after one of these", max(early, default=99.0), goal, "s")]
@@ -83,7 +83,7 @@ class Kills:
             self.kills["up"] += kill(victim)  # what leads to the start in which the next one is killed
             self.pages.wait_for(CONNECTED if phase == "start" else "run dbus-daemon pid", 10)
             victim = self.gateway.pid_of("dbus-daemon")
-        pause(self.chance.uniform(0, {"up": 0.3, "early": 0.0, "start": 0.5, "teardown": 0.005}[phase]))
+        pause(self.chance.uniform(0, {"up": 0.3, "early": 0.0, "start": 0.5, "teardown": 0.0015}[phase]))
         killed = time.time()
         hit = kill(victim)
         if not came(lambda: is_back(self.gateway, 1 if phase in ("up", "teardown") else 2), 40):
