@@ -161,8 +161,8 @@ int32_t CServiceControl::start_dbus_daemon(ServiceRecord* record) {
   return started.pid;
 }
 
-// The bus daemon makes its socket for everybody. It lets in nobody but root and its own user, but whoever connects takes
-// the place of one who waits to be let in.
+// The bus daemon makes its socket for everybody. It lets in nobody but root and its own user, but whoever connects
+// takes the place of one who waits to be let in.
 void CServiceControl::close_bus_directory() {
   struct stat found {};
   if (::stat(Paths::bus_directory, &found) != 0 || (found.st_mode & mode_bits) != bus_directory_mode) return;

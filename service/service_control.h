@@ -41,8 +41,9 @@ class CServiceControl {
   // not wait for the process to end.
   void stop_service(ServiceRecord* record, bool force);
 
-  // Lets everybody into the directory of the bus again, which a start of the bus daemon has closed to other users where it
-  // had the usual mode, and keeps the socket to root and the own user. To be called once the bus daemon has answered.
+  // Lets everybody into the directory of the bus again, which a start of the bus daemon has closed to other users where
+  // it had the usual mode, and keeps the socket to root and the own user. To be called once the bus daemon has
+  // answered.
   // Context: controller thread.
   void open_bus_directory();
 

@@ -177,7 +177,8 @@ void CServiceManager::run_services() {
       wait_for_start(start_next());
       continue;
     }
-    // A row of those is started by the main thread alone: two changes of thread for each would take longer than the rest.
+    // A row of those is started by the main thread alone: two changes of thread for each would take longer than the
+    // rest.
     CProcessHost::instance().run_steps([&] {
       start_next();
       return can_go_on() && needs_no_wait();

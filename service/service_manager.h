@@ -86,8 +86,8 @@ class CServiceManager : public CThread {
   [[nodiscard]] bool check_keepalive(int32_t now, ServiceRecord* record);
 
   // Records that `key` of the service with `dbus_name` is to be fed again within `timeout_s` seconds; less than 1 ends
-  // the watch of that key. An unknown or empty name changes nothing, nor does a new key of more than 1024 bytes or beyond
-  // 16384 of a service.
+  // the watch of that key. An unknown or empty name changes nothing, nor does a new key of more than 1024 bytes or
+  // beyond 16384 of a service.
   // Context: dispatch thread.
   void feed_dog(const std::string& dbus_name, const std::string& key, int32_t timeout_s);
 

@@ -4,8 +4,8 @@
 //
 // One frame in forty is changed anywhere; the connection is then made anew, since the bus closes it or waits for the
 // rest of a frame that has become longer. The others are well formed: unknown members, wrong and missing arguments,
-// signals that only the bus may send, answers to nothing, now and then a very long text. Nothing is sent that the daemon
-// is to obey. Prints how many the bus has taken, over how many connections.
+// signals that only the bus may send, answers to nothing, now and then a very long text. Nothing is sent that the
+// daemon is to obey. Prints how many the bus has taken, over how many connections.
 #include <array>
 #include <cstdio>
 #include <cstdlib>

@@ -1,5 +1,5 @@
-// What the update needs of the file system: paths that lead through no link, copies whose sum is known, and changes that
-// outlast a power cut.
+// What the update needs of the file system: paths that lead through no link, copies whose sum is known, and changes
+// that outlast a power cut.
 #pragma once
 
 #include <sys/types.h>

@@ -25,8 +25,8 @@
 // does not find it and sends nothing. The serial tells two children apart that were given the same number one after
 // the other.
 //
-// Nothing is allocated while the lock is held: where there is no memory the process ends on the spot, and its end, which
-// signals the services, needs the lock.
+// Nothing is allocated while the lock is held: where there is no memory the process ends on the spot, and its end,
+// which signals the services, needs the lock.
 
 namespace Tessaro::Iot::Component {
 

@@ -60,9 +60,9 @@ void close_private_descriptors(int descriptor_limit) noexcept {
   for (int fd = first_private_fd; fd < descriptor_limit; ++fd) (void)::close(fd);
 }
 
-// The child's whole life up to the exec. It only makes calls that are safe beside the daemon's threads. What it changes of
-// signals, descriptors, directories and priorities is its own.
-// Every handled signal is blocked when it begins, so none can run the daemon's handlers in here.
+// The child's whole life up to the exec. It only makes calls that are safe beside the daemon's threads. What it changes
+// of signals, descriptors, directories and priorities is its own. Every handled signal is blocked when it begins, so
+// none can run the daemon's handlers in here.
 [[noreturn]] void run_child(const PreparedChild& child) noexcept {
   reset_signal_handlers();
   if (child.parent_death_signal != 0) {

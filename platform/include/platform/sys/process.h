@@ -10,8 +10,8 @@ struct CSpawnPlan;
 
 namespace Tessaro::Iot::Component::sys {
 
-// Forks and lets the child carry out `plan`. Returns when the child runs its program or has ended: what the kernel takes
-// to open the program, the caller waits for.
+// Forks and lets the child carry out `plan`. Returns when the child runs its program or has ended: what the kernel
+// takes to open the program, the caller waits for.
 // Returns the child's pid (1 or more), or -1 when the fork failed.
 // Context: main thread (the parent-death signal belongs to the thread that forks).
 [[nodiscard]] int32_t fork_child(const CSpawnPlan& plan);
