@@ -1,5 +1,6 @@
 """Operators who do everything at once, and a machine on which somebody has laid traps."""
 
+import contextlib
 import os
 import shutil
 import signal
@@ -122,7 +123,8 @@ class Operators:
     def clear(self):
         """End everything but the bystanders, and remove what the round has left on the way to the bus."""
         for pid in self.strangers():
-            os.kill(pid, signal.SIGKILL)
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(pid, signal.SIGKILL)
         came(lambda: not self.strangers(), 5)
         processes.reap()
         for path in (LOG, PID_FILE):
