@@ -12,7 +12,8 @@ from turns import repetitions, sides
 
 SERVICES = 100
 GOAL = 1.2
-WHY = "each service has a line in the log before its signal; the floor writes nothing"
+WHY = ("each service has a line in the log before its signal, and in a teardown two for its death; the floor writes "
+       "nothing")
 
 
 class Watch:
