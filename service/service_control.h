@@ -1,6 +1,7 @@
 // The object through which every process of the catalogue is started and stopped.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -80,7 +81,7 @@ class CServiceControl {
   std::map<std::string, StopHandler> stop_handlers;
   CDBusChannel* watchdog_channel;
   CConfigAgent* config_agent;
-  bool bus_directory_closed = false;  // by the controller thread, which alone uses it
+  std::atomic<bool> bus_directory_closed{false};  // by the last start of the bus daemon
 
   std::mutex lock;                 // guards the three below
   int32_t dbus_daemon_pid = -1;    // -1: none

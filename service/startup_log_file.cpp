@@ -76,7 +76,7 @@ void append_startup_log(std::string_view line) noexcept {
     if (status.st_size > size_limit) (void)!::ftruncate(fd, 0);  // else it grows on
     write_whole(fd, line);
   }
-  (void)::close(fd);  // unlocked by that: a child that begins meanwhile closes all that it has at once
+  (void)::close(fd);  // unlocked by that, or by a child that begins meanwhile: it closes all before its exec
 }
 
 }  // namespace Tessaro::Iot::Component

@@ -11,7 +11,8 @@ from gateway import REPOSITORY
 from table import Chart, Row
 
 FOLDER = os.path.join(REPOSITORY, "build-bench-results")
-# What every measurement depends on, beside its own module. A change elsewhere makes no result stale.
+# What makes every result stale when it changes, beside the measurement's own module. What the measurements share in
+# this folder does not: whoever changes it measures anew.
 SOURCES = ("platform", "service", "gateway/bus", "benchmark/programs", "cmake", "CMakeLists.txt")
 
 

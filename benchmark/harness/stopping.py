@@ -13,7 +13,7 @@ from turns import repetitions, sides
 SERVICES = 100
 GOAL = 1.2
 WHY = ("each service has a line in the log before its signal, and in a teardown two for its death; the floor writes "
-       "nothing")
+       "nothing. At the end of the daemon that is a quarter of the difference, and the rest is not known")
 
 
 class Watch:

@@ -1,4 +1,4 @@
-// The least that a scan of /proc for a program can do.
+// The calls of the daemon's scan of /proc for a program, in C.
 #pragma once
 
 #include <stddef.h>

@@ -178,7 +178,7 @@ void CProcessHost::serve(int64_t timeout_ms, const EndedHandler& on_ended) {
       children_.erase(pid);
       sys::reap_child(pid);
     }
-    more = serve_requests();  // a start does not wait behind a burst of deaths
+    if (!more) more = serve_requests();  // a start does not wait behind a burst of deaths
   }
   if (more) {
     // Without descriptors: one that is ready would keep a pending signal waiting.

@@ -56,8 +56,8 @@ class CProcessHost {
   ProcessRef spawn(const CSpawnPlan& plan, const StartedHandler& on_started);
 
   // Has the forking thread run `step` again and again until it returns false, and look at deaths and signals after
-  // each: who starts many children in a row need not change the thread for each of them. Returns when the last step is
-  // done.
+  // each: who starts many children in a row need not change the thread for each of them. Asked for by the forking
+  // thread itself, the steps follow each other at once. Returns when the last step is done.
   // Context: as for `spawn`, which a step may call; a step must not wait.
   void run_steps(const Step& step);
 

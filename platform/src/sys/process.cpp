@@ -62,8 +62,9 @@ void close_private_descriptors(int descriptor_limit) noexcept {
 
 // The child's whole life up to the exec. It only makes calls that are safe beside the daemon's threads. What it changes
 // of signals, descriptors, directories and priorities is its own. Every handled signal is blocked when it begins, so
-// none can run the daemon's handlers in here.
-[[noreturn]] void run_child(const PreparedChild& child) noexcept {
+// none can run the daemon's handlers in here. Never inlined: its caller's frame is the one that the daemon goes on
+// with.
+[[noreturn, gnu::noinline]] void run_child(const PreparedChild& child) noexcept {
   reset_signal_handlers();
   if (child.parent_death_signal != 0) {
     (void)::prctl(PR_SET_PDEATHSIG, child.parent_death_signal);

@@ -22,6 +22,16 @@ constexpr size_t burst = 10'000;
 
 class ProcessHostThreads : public test::ProcessTest {};
 
+// To be called on a thread of its own, since a window stays with its thread for good.
+void open_window_for_sigusr1() {
+  sigset_t signals;
+  sigset_t before;
+  (void)::sigemptyset(&signals);
+  (void)::sigaddset(&signals, SIGUSR1);
+  ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, &signals, &before), 0);
+  SignalWindow::open_on_this_thread(before);
+}
+
 TEST_F(ProcessHostThreads, ManyThreadsStartWhileTheMainThreadServes) {
   constexpr int threads = 8;
   constexpr int rounds = 25;
@@ -97,13 +107,8 @@ TEST_F(ProcessHostThreads, DeathsAndSignalsAreSeenBetweenSteps) {
   handled = false;
   ASSERT_NE(::signal(SIGUSR1, [](int) { handled = true; }), SIG_ERR);
   std::thread main_thread([&] {
-    sigset_t signals;
-    sigset_t before;
-    (void)::sigemptyset(&signals);
-    (void)::sigaddset(&signals, SIGUSR1);
-    ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, &signals, &before), 0);
-    SignalWindow::open_on_this_thread(before);
     CProcessHost host;
+    open_window_for_sigusr1();
     ASSERT_TRUE(host.bind_to_this_thread());
     bool died = false;
     std::atomic<bool> done{false};
@@ -231,15 +236,9 @@ TEST_F(ProcessHostThreads, RunToEndAndServeWaitWithTheSignalWindowOpen) {
     if (SignalWindow::inside()) ++handled_inside;
   };
   ASSERT_EQ(::sigaction(SIGUSR1, &action, nullptr), 0);
-  // On a thread of its own, since a window stays with its thread for good.
   std::thread main_thread([] {
-    sigset_t signals;
-    sigset_t before;
-    (void)::sigemptyset(&signals);
-    (void)::sigaddset(&signals, SIGUSR1);
-    ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, &signals, &before), 0);
-    SignalWindow::open_on_this_thread(before);
     CProcessHost host;
+    open_window_for_sigusr1();
     ASSERT_TRUE(host.bind_to_this_thread());
     std::thread sender([thread = ::pthread_self()] {
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
