@@ -67,7 +67,6 @@ class Gateway:
     def __init__(self, *, idle=0, named=0, stamped=0, slots=0, up_within=60):
         self.slots = Slots(slots, "ours")
         self.told = []
-        self.begun_ns = 0
         self.names = [f"iot.bench.service{number}" for number in range(max(named, stamped))]
         self.up_within = up_within
         self.daemon = None
@@ -112,8 +111,8 @@ class Gateway:
             shutil.rmtree(directory, ignore_errors=True)
         os.makedirs(RECORDS)
         self.slots.clear()
-        self.begun_ns = time.monotonic_ns()
-        self.daemon = subprocess.Popen([os.path.join(BIN, "quorvaned"), "--nofork"], stdin=subprocess.DEVNULL)
+        self.daemon = subprocess.Popen([program("begin"), self.slots.begun, os.path.join(BIN, "quorvaned"), "--nofork"],
+                                       stdin=subprocess.DEVNULL)
         # The log is looked at only afterwards: the start is measured.
         self.told = self.slots.wait(self.up_within)
         if self.told is None:
@@ -156,8 +155,12 @@ class Gateway:
             process.send_signal(signal.SIGKILL)
         for process in processes:
             process.wait()
-        until(lambda: not any(is_of_gateway(pid) for pid in os.listdir("/proc") if pid.isdigit()), 20,
-              "the end of the gateway")
+        until(self.is_gone, 20, "the end of the gateway")
+
+    @staticmethod
+    def is_gone():
+        """Nothing runs from the install root, nor any of the services."""
+        return not any(is_of_gateway(pid) for pid in os.listdir("/proc") if pid.isdigit())
 
 
 def is_of_gateway(pid):

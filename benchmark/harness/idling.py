@@ -1,17 +1,20 @@
 """What supervision costs while nothing happens: processor time, wake-ups, memory."""
 
 import contextlib
-import statistics
 import subprocess
 import time
 
-from floor import Member
+from floor import bare_member
 from gateway import Gateway, program
 from peers import PEERS
 from registry import measurement
-from table import Chart, Row, at_most, beside
+from table import Chart, Row, Spread, at_most, beside, ratios
+from turns import repetitions, sides
 from usage import Usage
 
+MINUTES = 3
+FEW, MANY = 20, 500
+SIDES = ("ours", "floor")
 MOST_WAKEUPS = 2.2
 MOST_CPU_MS = {20: 5, 500: 15}  # in a minute
 MOST_GAINED_KIB = 0
@@ -22,16 +25,22 @@ WHY_WARM = "to wake an idle processor takes most of it, as the floor shows"
 WHY_LARGE = "two bus connections and five threads against one of each, the log library, twice as much code"
 
 
-def sampled(supervisors, seconds):
-    """What each uses in so many seconds, all of them at the same time: {name: (before, after)}."""
-    before = {name: Usage.of(pids()) for name, pids in supervisors.items()}
-    begin = time.monotonic()
-    time.sleep(seconds)
-    after = {name: Usage.of(pids()) for name, pids in supervisors.items()}
-    return {name: (before[name], after[name]) for name in supervisors}, time.monotonic() - begin
+def sampled(supervisors, minutes, seconds):
+    """What each has used up to the beginning of each minute and to the end of the last, all of them at the same time.
+
+    Gives {name: usages}, and the moments.
+    """
+    usages, moments = {name: [] for name in supervisors}, []
+    for minute in range(minutes + 1):
+        if minute > 0:
+            time.sleep(moments[0] + minute * seconds - time.monotonic())
+        moments.append(time.monotonic())
+        for name, pids in supervisors.items():
+            usages[name].append(Usage.of(pids()))
+    return usages, moments
 
 
-@measurement("idle", "a minute with 20 and with 500 services in which nothing happens",
+@measurement("idle", f"{MINUTES} minutes with 20 and with 500 services in which nothing happens",
              "two threads that wake up once a second and do nothing")
 def idle(quick):
     """All at the same time, so that a busy machine is the same for all."""
@@ -46,72 +55,84 @@ def idle(quick):
                 running.started(60)
                 supervisors[peer.name] = running.pids
             time.sleep(3)  # for what follows a start
-            samples, seconds = sampled(supervisors, 10 if quick else 60)
-        yield from idle_rows(count, samples, seconds)
+            usages, moments = sampled(supervisors, MINUTES, 5 if quick else 60)
+        yield from idle_rows(count, usages, moments)
 
 
-def idle_rows(count, samples, seconds):
+def each_minute(usages, moments, what):
+    """By how much that grew in each of the minutes, per second."""
+    counts = [getattr(usage, what) for usage in usages]
+    return [(after - before) / (end - begin)
+            for before, after, begin, end in zip(counts, counts[1:], moments, moments[1:])]
+
+
+def idle_rows(count, usages, moments):
     """The rows of one number of services."""
-    wakeups = {name: (after.wakeups - before.wakeups) / seconds for name, (before, after) in samples.items()}
-    cpu = {name: (after.cpu_ns - before.cpu_ns) / 1e6 * 60 / seconds for name, (before, after) in samples.items()}
+    wakeups = {name: each_minute(each, moments, "wakeups") for name, each in usages.items()}
+    cpu_ms = {name: [per_second * 60 / 1e6 for per_second in each_minute(each, moments, "cpu_ns")]
+              for name, each in usages.items()}
 
-    def others(values, unit, digits):
-        return {name: beside(value, values["ours"], 1, unit, digits) for name, value in values.items()
+    def others(values, unit):
+        ours = Spread.of(values["ours"]).middle
+        return {name: beside(Spread.of(each).middle, ours, 1, unit) for name, each in values.items()
                 if name not in ("ours", "floor")}
 
-    yield Row(f"idle, {count} services: wake-ups a second", f"{wakeups['ours']:.2f}", f"{wakeups['floor']:.2f}", "",
-              *at_most(MOST_WAKEUPS, wakeups["ours"]), others(wakeups, "", 2), WHY_AWAKE)
-    yield Row(f"idle, {count} services: CPU in a minute", f"{cpu['ours']:.2f} ms", f"{cpu['floor']:.2f} ms",
-              f"{cpu['ours'] / cpu['floor']:.2f}", *at_most(MOST_CPU_MS[count], cpu["ours"], " ms"),
-              others(cpu, " ms", 2), WHY_WARM)
-    before, after = samples["ours"]
-    gained = after.anonymous_kib - before.anonymous_kib
-    descriptors = after.descriptors - before.descriptors
-    yield Row(f"idle, {count} services: gained", f"{gained} KiB, {descriptors} descriptors", "", "", "nothing",
+    ours = Spread.of(wakeups["ours"])
+    yield Row(f"idle, {count} services: wake-ups a second", ours.show(), Spread.of(wakeups["floor"]).show(),
+              ratios(wakeups["ours"], wakeups["floor"]).show(), *at_most(MOST_WAKEUPS, ours.middle),
+              others(wakeups, ""), WHY_AWAKE)
+    ours, floor = Spread.of(cpu_ms["ours"]), Spread.of(cpu_ms["floor"])
+    yield Row(f"idle, {count} services: CPU in a minute", ours.show(1, " ms"), floor.show(1, " ms"),
+              ratios(cpu_ms["ours"], cpu_ms["floor"]).show(), *at_most(MOST_CPU_MS[count], ours.middle, " ms"),
+              others(cpu_ms, " ms"), WHY_WARM)
+    first, last = usages["ours"][0], usages["ours"][-1]
+    gained = last.anonymous_kib - first.anonymous_kib
+    descriptors = last.descriptors - first.descriptors
+    yield Row(f"idle, {count} services: gained in {len(moments) - 1} minutes",
+              f"{gained} KiB, {descriptors} descriptors", "", "", "nothing",
               gained <= MOST_GAINED_KIB and descriptors <= 0)
 
 
-def ours_kib(count):
-    """The daemon's share of memory."""
-    with Gateway(slots=count) as gateway:
-        return Usage.of([gateway.daemon.pid]).pss_kib
-
-
-def floor_kib(count):
-    """That of a bare member of the bus."""
-    with Member(count) as member:
-        return Usage.of([member.pid]).pss_kib
-
-
-def peer_kib(peer, count):
-    """That of all processes of a peer."""
-    with peer(count) as running:
+def pss_kib(side, count):
+    """The share of memory of the daemon, of a bare member of the bus, or of all processes of a peer."""
+    if side == "ours":
+        with Gateway(slots=count) as gateway:
+            return Usage.of([gateway.daemon.pid]).pss_kib
+    if side == "floor":
+        with bare_member(count) as member:
+            return Usage.of([member.program.pid]).pss_kib
+    with side(count) as running:
         running.started(60)
         time.sleep(1)  # for its own processes to have come to rest
         return Usage.of(running.pids()).pss_kib
 
 
-@measurement("memory", "the daemon's share of memory (PSS) with 20 services, and for each further one",
+@measurement("memory", "the daemon's share of memory (PSS) with 20 and 500 services, and for each further one",
              "a program of the same libraries that has read the catalogue and is on the bus")
 def memory(quick):
     """Each by itself: what two that run together share would count half for both."""
-    rounds = 2 if quick else 5
-    ours, floor = [], []
-    for _ in range(rounds):
-        ours.append(ours_kib(20))
-        floor.append(floor_kib(20))
-    many = statistics.median(ours_kib(500) for _ in range(rounds))
-    few, least = statistics.median(ours), statistics.median(floor)
-    peers_few = {peer.name: peer_kib(peer, 20) for peer in PEERS}
-    peers_many = {peer.name: peer_kib(peer, 500) for peer in PEERS if peer.most >= 500}
-    yield Row("memory, 20 services", f"{few:.0f} KiB", f"{least:.0f} KiB", f"{few / least:.2f}",
-              *at_most(MOST_PSS, few / least),
-              {name: beside(value, few, 1, " KiB", 0) for name, value in peers_few.items()}, WHY_LARGE)
-    each = (many - few) / 480
-    yield Row("memory, each further service", f"{each:.2f} KiB", "", "", *at_most(MOST_PER_SERVICE_KIB, each, " KiB"),
-              {name: beside((value - peers_few[name]) / 480, each, 1, " KiB", 1)
-               for name, value in peers_many.items()})
-    lines = {"ours": [[20, few], [500, many]]}
-    lines.update({name: [[20, peers_few[name]], [500, value]] for name, value in peers_many.items()})
+    kib = {}
+    for number in repetitions(2, 2 if quick else 5, 300):
+        for side in sides(number, ("ours", "floor", *PEERS)):
+            name = side if isinstance(side, str) else side.name
+            for count in sides(number, (FEW, MANY)):
+                if isinstance(side, str) or count <= side.most:
+                    kib.setdefault((name, count), []).append(pss_kib(side, count))
+    each = {name: [(many - few) / (MANY - FEW) for few, many in zip(kib[name, FEW], kib[name, MANY])]
+            for name, count in kib if count == MANY}
+
+    def others(values, unit, digits):
+        return {name: beside(Spread.of(theirs).middle, Spread.of(values["ours"]).middle, 1, unit, digits)
+                for name, theirs in values.items() if name not in ("ours", "floor")}
+
+    for count in (FEW, MANY):
+        of_count = {name: values for (name, number), values in kib.items() if number == count}
+        ratio = ratios(of_count["ours"], of_count["floor"])
+        goal, met = at_most(MOST_PSS, ratio.middle) if count == FEW else ("", None)
+        yield Row(f"memory, {count} services", *(Spread.of(of_count[side]).show(1, " KiB", 0) for side in SIDES),
+                  ratio.show(), goal, met, others(of_count, " KiB", 0), WHY_LARGE)
+    yield Row("memory, each further service", *(Spread.of(each[side]).show(1, " KiB") for side in SIDES), "",
+              *at_most(MOST_PER_SERVICE_KIB, Spread.of(each["ours"]).middle, " KiB"), others(each, " KiB", 1))
     yield Chart("memory", "Memory of the supervisor, with one process for each service where it has such", "services",
-                "PSS, KiB", lines)
+                "PSS, KiB", {name: [[count, Spread.of(kib[name, count]).middle] for count in (FEW, MANY)]
+                             for name in each if name != "floor"})

@@ -1,10 +1,12 @@
 """What comes over the bus, and the start of services that take a name: beside programs of libdbus and nothing else."""
 
 import os
+import shutil
 import statistics
 import subprocess
 
-from gateway import (ADDRESS, BARE_ANSWERER, BARE_RECEIVER, DAEMON, RECORDS, WATCHDOG, Failed, Gateway, cpu_s,
+from floor import Bus
+from gateway import (BARE_ANSWERER, BARE_RECEIVER, DAEMON, RECORDS, WATCHDOG, Failed, Gateway, cpu_s,
                      program, run, until)
 from registry import measurement
 from table import Row, Spread, at_least, at_most, percentile, ratios
@@ -114,21 +116,30 @@ def gaps(directory, count):
     return [(after[0] - before[1]) / 1e9 for before, after in zip(records, records[1:])]
 
 
+def bare_supervisor(services):
+    """On a bus of its own, so that the daemon has no part in it."""
+    Gateway()  # for its files
+    shutil.rmtree(RECORDS, ignore_errors=True)
+    os.makedirs(RECORDS)
+    return Bus([program("bare_supervisor"), str(services), program("stamp"), program("named_service"), RECORDS,
+                "iot.bench.service"])
+
+
 @measurement("names", "from a bus name to the next service's start", "a bare supervisor that waits for names")
 def names(quick):
     """The daemon's start of many services, beside a supervisor that does nothing else."""
     services = 40
     ours, bare = [], []
     for number in repetitions(2, 2 if quick else 8, 12 if quick else 60):
-        with Gateway(stamped=services) as gateway:
-            ours += gaps(RECORDS, services)
-            directory = f"/tmp/bare-records-{number}"
-            os.makedirs(directory)
-            other = gateway.beside("bare_supervisor", str(services), program("stamp"), program("named_service"),
-                                   directory, "iot.bench.bare")
-            if other.stdout.readline() != "done\n":
-                raise Failed("the bare supervisor stopped")
-            bare += gaps(directory, services)
+        for side in sides(number):
+            if side == "ours":
+                with Gateway(stamped=services):
+                    ours += gaps(RECORDS, services)
+                continue
+            with bare_supervisor(services) as floor:
+                if floor.program.stdout.readline() != "done\n":
+                    raise Failed("the bare supervisor stopped")
+                bare += gaps(RECORDS, services)
     middle = statistics.median(ours)
     ratio = ratios(ours, bare, groups=8)
     yield Row("bus name, to the next start", Spread.of(ours).show(1e3, " ms"), Spread.of(bare).show(1e3, " ms"),

@@ -5,7 +5,6 @@ import os
 import shutil
 import signal
 import subprocess
-import time
 
 from gateway import BUILD, REPOSITORY, Failed, program, until
 from slots import Slots
@@ -64,7 +63,6 @@ class Peer:
         self.count = count
         self.slots = Slots(count, self.name)
         self.top = None
-        self.begun_ns = 0
         self.place = f"{PLACE}-{self.name}"
         self.environment = {"PATH": f"{PROGRAMS}:/usr/bin:/bin", "SLOTS": self.slots.path}
 
@@ -83,12 +81,11 @@ class Peer:
         self.slots.clear()
         with open(f"{self.place}/output", "wb") as output:
             try:
-                self.top = subprocess.Popen(command, env=self.environment, stdin=subprocess.DEVNULL, stdout=output,
-                                            stderr=output, cwd=self.place, preexec_fn=self.before)
+                self.top = subprocess.Popen([program("begin"), self.slots.begun, *command], env=self.environment,
+                                            stdin=subprocess.DEVNULL, stdout=output, stderr=output, cwd=self.place,
+                                            preexec_fn=self.before)
             except subprocess.SubprocessError:
                 raise Failed(f"{self.name} cannot be run here") from None
-        # It has been executed by now. What was used up of its time before counts for it.
-        self.begun_ns = time.monotonic_ns()
         return self
 
     def started(self, within):

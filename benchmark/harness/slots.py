@@ -1,9 +1,10 @@
-"""The file in which services tell when they started (programs/slots.h)."""
+"""The files in which a supervisor and its services tell when they began (programs/begin.c, programs/slots.h)."""
 
 import struct
 import time
 
 FORM = struct.Struct("=qii")
+MOMENT = struct.Struct("=q")
 
 
 class Slots:
@@ -12,6 +13,7 @@ class Slots:
     def __init__(self, count, owner):
         self.count = count
         self.path = f"/tmp/slots-{owner}"
+        self.begun = f"/tmp/begun-{owner}"  # what the supervisor is started with `begin` for
 
     def clear(self):
         """Nobody has started yet."""
@@ -35,7 +37,12 @@ class Slots:
             # Seldom enough to disturb nobody who is being measured.
             time.sleep(0.02)
 
+    def whole_s(self, told):
+        """Seconds from the execution of the supervisor to the last service's first instructions."""
+        with open(self.begun, "rb") as file:
+            return (max(told)[0] - MOMENT.unpack(file.read())[0]) / 1e9
+
 
 def span_s(told):
-    """Seconds from the first one's start to the last one's: what a supervisor takes before the first does not count."""
+    """Seconds from the first one's start to the last one's: without what a supervisor does before the first."""
     return (max(told)[0] - min(told)[0]) / 1e9

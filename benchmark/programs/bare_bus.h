@@ -8,7 +8,8 @@
 #include <stdlib.h>
 #include <time.h>
 
-#define BUS_ADDRESS "unix:path=/tmp/var/run/mbusd/mbusd_socket"
+#define BUS_SOCKET "/tmp/var/run/mbusd/mbusd_socket"
+#define BUS_ADDRESS "unix:path=" BUS_SOCKET
 
 static inline int64_t now_ns(void) {
   struct timespec now;

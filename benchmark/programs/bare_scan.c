@@ -6,7 +6,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 enum { link_size = 1024, entry_size = 270, path_size = 280 };
@@ -54,9 +53,7 @@ size_t bare_scan(const char* root, const char* name, const char* mount_namespace
     if (!isdigit((unsigned char)entry->d_name[0])) continue;
     char path[entry_size];
     snprintf(path, sizeof path, "/proc/%s", entry->d_name);
-    struct stat status;
-    if (stat(path, &status) != 0 || !S_ISDIR(status.st_mode) || !is_program(path, root, name, mount_namespace))
-      continue;
+    if (!is_program(path, root, name, mount_namespace)) continue;
     const int pid = read_pid(path);
     if (pid > 0 && found < room) pids[found++] = pid;
   }

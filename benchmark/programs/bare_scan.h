@@ -1,4 +1,5 @@
-// The calls of the daemon's scan of /proc for a program, in C.
+// A scan of /proc for a program, in C: a link for each process, and of those that it leads to no more than what tells
+// whether they are meant and which pid they have.
 #pragma once
 
 #include <stddef.h>
