@@ -88,7 +88,7 @@ def idle_rows(count, usages, moments):
     first, last = usages["ours"][0], usages["ours"][-1]
     gained = last.anonymous_kib - first.anonymous_kib
     descriptors = last.descriptors - first.descriptors
-    yield Row(f"idle, {count} services: gained in {len(moments) - 1} minutes",
+    yield Row(f"idle, {count} services: gained in {moments[-1] - moments[0]:.0f} s",
               f"{gained} KiB, {descriptors} descriptors", "", "", "nothing",
               gained <= MOST_GAINED_KIB and descriptors <= 0)
 

@@ -17,8 +17,9 @@ def facts(made):
     """Where and when: what the figures depend on."""
     lines = {}
     for result in made:
-        lines.setdefault(f"{result.commit} ({result.date[:10]})", []).append(f"{result.name} ({result.load})")
-    told = {f"sources of {key}, with the load": ", ".join(names) for key, names in lines.items()}
+        lines.setdefault(f"{result.commit} ({result.date[:10]})", []).append(f"{result.name} ({result.busy})")
+    told = {f"measured at {key}, and how busy the processors were just before": ", ".join(names)
+            for key, names in lines.items()}
     return {**results.machine(), **told}
 
 

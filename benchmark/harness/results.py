@@ -5,15 +5,12 @@ import datetime
 import json
 import os
 import platform
-import subprocess
 
 from gateway import REPOSITORY
+from priority import wait_until_quiet
 from table import Chart, Row
 
 FOLDER = os.path.join(REPOSITORY, "build-bench-results")
-# What makes every result stale when it changes, beside the measurement's own module. What the measurements share in
-# this folder does not: whoever changes it measures anew.
-SOURCES = ("platform", "service", "gateway/bus", "benchmark/programs", "cmake", "CMakeLists.txt")
 
 
 @dataclasses.dataclass
@@ -21,27 +18,13 @@ class Result:
     """One measurement's rows and charts, with what they depend on."""
 
     name: str
+    mark: str  # of the sources, as they were
     commit: str
     quick: bool
     date: str
-    load: str
+    busy: str  # the share of the processors' time that others had just before
     rows: list
     charts: list
-
-
-def output(*arguments):
-    """What a program says; nothing when it fails."""
-    ended = subprocess.run(arguments, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, check=False,
-                           cwd=REPOSITORY)
-    return ended.stdout.strip()
-
-
-def commit(measurement):
-    """The last commit that changed what is measured, or what measures it."""
-    sources = (*SOURCES, f"benchmark/harness/{measurement.run.__module__}.py")
-    git = ("git", "-c", f"safe.directory={REPOSITORY}")
-    name = output(*git, "log", "-1", "--format=%h", "--", *sources) or "unknown"
-    return name + (" with changes" if output(*git, "status", "--porcelain", "--", *sources) else "")
 
 
 def field(path, name, separator):
@@ -63,14 +46,12 @@ def machine():
     }
 
 
-def measure(measurement, quick):
-    """Measure, and keep the result."""
-    load_before = os.getloadavg()[0]
-    commit_before = commit(measurement)  # what was built, whatever is committed meanwhile
+def measure(measurement, quick, mark, commit):
+    """Measure, and keep the result, as one of those sources."""
+    busy = wait_until_quiet(1, 1) if quick else wait_until_quiet(10, 60)
     made = list(measurement.run(quick))
-    result = Result(measurement.name, commit_before, quick,
-                    datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d %H:%M UTC"),
-                    f"{load_before:.1f} before, {os.getloadavg()[0]:.1f} after",
+    result = Result(measurement.name, mark, commit, quick,
+                    datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d %H:%M UTC"), f"{busy:.0%}",
                     [item for item in made if isinstance(item, Row)],
                     [item for item in made if isinstance(item, Chart)])
     os.makedirs(FOLDER, exist_ok=True)
@@ -98,6 +79,10 @@ def kept(name, quick=False):
         return None  # of no use, or of an earlier form: it is measured again
 
 
-def is_fresh(result, measurement):
-    """The result is of the sources as they are."""
-    return result is not None and result.commit == commit(measurement) and "changes" not in result.commit
+def defect(result, mark):
+    """Why a result is not one of the sources with that mark, as they are in a commit; nothing when it is."""
+    if result is None:
+        return "not measured"
+    if result.mark != mark:
+        return "stale"
+    return "measured with changes that are not committed" if "changes" in result.commit else ""
