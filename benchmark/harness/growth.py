@@ -9,7 +9,8 @@ from gateway import DAEMON, Gateway, program, run
 from registry import measurement
 from slots import span_s
 from stopping import Watch, reboot
-from table import Chart, Row
+from table import Chart, Row, Spread
+from turns import repetitions, sides
 from usage import Usage
 
 COUNTS = (10, 100, 500, 1000, 2000)
@@ -32,8 +33,8 @@ def stop_us(slots, stop):
     return (last - first) / 1e3 / (slots.count - 1)
 
 
-def costs_of(count, quick):
-    """All costs with so many services."""
+def ours_of(count, quick):
+    """All costs of the daemon with so many services."""
     with Gateway(slots=count) as gateway:
         time.sleep(2)  # for what follows a start
         before = Usage.of([gateway.daemon.pid])
@@ -42,13 +43,16 @@ def costs_of(count, quick):
         after, seconds = Usage.of([gateway.daemon.pid]), time.monotonic() - begin
         words = [program("caller"), "50" if quick else "300", "0", DAEMON, DAEMON]
         trips = [int(line.split()[0]) / 1e3 for line in run(words, 60).splitlines()]
-        ours = {"start": span_s(gateway.told) / (count - 1) * 1e6, "status": statistics.median(trips),
+        return {"start": span_s(gateway.told) / (count - 1) * 1e6, "status": statistics.median(trips),
                 "cpu": (after.cpu_ns - before.cpu_ns) / 1e6 * 60 / seconds, "memory": after.pss_kib,
                 "stop": stop_us(gateway.slots, reboot)}
+
+
+def floor_of(count, _quick):
+    """Those that the floor has."""
     with Starter(count) as starter:
-        floor = {"start_floor": span_s(starter.told) / (count - 1) * 1e6,
-                 "stop_floor": stop_us(starter.slots, starter.end_all)}
-    return {**ours, **floor}
+        return {"start_floor": span_s(starter.told) / (count - 1) * 1e6,
+                "stop_floor": stop_us(starter.slots, starter.end_all)}
 
 
 def exponent(points):
@@ -62,16 +66,23 @@ def exponent(points):
 def growth(quick):
     """One picture, and a line for each cost."""
     counts = COUNTS[:3] if quick else COUNTS
-    rounds = {count: [costs_of(count, quick) for _ in range(1 if quick else 3)] for count in counts}
-    series, points = {}, {}
+    costs = {cost: {count: [] for count in counts} for cost in COSTS}
+    for number in repetitions(1, 1 if quick else 5, 600):
+        for count in sides(number, counts):
+            for measure in sides(number, (ours_of, floor_of)):
+                for cost, value in measure(count, quick).items():
+                    costs[cost][count].append(value)
+    exponents = {cost: Spread.of([exponent(list(zip(counts, values))) for values in zip(*of_count.values())])
+                 for cost, of_count in costs.items()}
+
+    def ends(cost):
+        return " to ".join(Spread.of(costs[cost][count]).show(1, "", 1) for count in (counts[0], counts[-1]))
+
     for cost, label in COSTS.items():
-        points[cost] = [[count, statistics.median(each[cost] for each in made)] for count, made in rounds.items()]
-        series[f"{label}: n^{exponent(points[cost]):.2f}"] = points[cost]
-    for cost, label in COSTS.items():
-        if cost.endswith("_floor"):
-            continue
-        first, last = points[cost][0], points[cost][-1]
-        floor = points.get(cost + "_floor")
-        yield Row(f"{label}, {first[0]} to {last[0]:,} services", f"{first[1]:.1f} to {last[1]:.1f}",
-                  f"{floor[0][1]:.1f} to {floor[-1][1]:.1f}" if floor else "", f"n^{exponent(points[cost]):.2f}")
-    yield Chart("growth", "Costs against the number of services", "services", "see the legend", series)
+        if not cost.endswith("_floor"):
+            yield Row(f"{label}, {counts[0]} to {counts[-1]:,} services", ends(cost),
+                      ends(cost + "_floor") if cost + "_floor" in COSTS else "", "n^" + exponents[cost].show())
+    yield Chart("growth", "Costs against the number of services", "services", "see the legend",
+                {f"{label}: n^{exponents[cost].middle:.2f}":
+                 [[count, Spread.of(values).middle] for count, values in costs[cost].items()]
+                 for cost, label in COSTS.items()})

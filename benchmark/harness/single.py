@@ -23,12 +23,12 @@ def pairs(text):
     return [int(line[0]) / 1e9 for line in lines], [int(line[1]) / 1e9 for line in lines]
 
 
-def compared(name, ours, floor, limit, scale=1e6, unit=" us", digits=0, note=""):
+def compared(name, ours, floor, limit, scale=1e6, unit=" us", digits=0, note="", remark=""):
     """The row of two times whose ratio has a limit; without a limit it only tells."""
     ratio = ratios(ours, floor)
     goal, met = at_most(limit, ratio.middle) if limit else ("", None)
     return Row(name, Spread.of(ours).show(scale, unit, digits), Spread.of(floor).show(scale, unit, digits),
-               ratio.show(), goal, met, note=note)
+               ratio.show(), goal, met, note=note, remark=remark)
 
 
 # --- the start of a process -----------------------------------------------------------------------------------------
@@ -37,20 +37,19 @@ FEW_DESCRIPTORS = 1024
 
 
 def most_descriptors():
-    """The highest limit of open files that can be had here: the kernel's, where it is permitted."""
+    """The highest limit of open files that can be had here, and the kernel's, which takes a privilege."""
     soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
     with open("/proc/sys/fs/nr_open", encoding="ascii") as file:
-        most = int(file.read())
+        kernels = int(file.read())
     try:
-        resource.setrlimit(resource.RLIMIT_NOFILE, (soft, most))
+        resource.setrlimit(resource.RLIMIT_NOFILE, (soft, kernels))
     except ValueError:
-        return hard
-    return most
+        return hard, kernels
+    return kernels, kernels
 
 
-def starts():
+def starts(most):
     """What is measured: name to the number of services, the limit of open files, and on which thread."""
-    most = most_descriptors()
     return {
         "1 service": (1, FEW_DESCRIPTORS, "direct"),
         f"1 service, {most:,} descriptors": (1, most, "direct"),
@@ -63,8 +62,9 @@ def starts():
 @measurement("process", "from the request to start a service to its first instructions",
              "fork and exec in the same process")
 def process(quick):
-    """The process host beside a bare fork and exec, with few and many services and with any limit of open files."""
-    variants = starts()
+    """The process host beside a bare fork and exec, with few and many services and open files."""
+    most, kernels = most_descriptors()
+    variants = starts(most)
     ours = {name: [] for name in variants}
     floor = {name: [] for name in variants}
     for _ in repetitions(2, 2 if quick else 10, 60):
@@ -73,8 +73,10 @@ def process(quick):
                                     how, program("idle_service"), program("report_start")], 60))
             ours[name] += one
             floor[name] += other
-    for name in variants:
-        yield compared(f"start of a process, {name}", ours[name], floor[name], 1.2)
+    for name, (_, descriptors, _) in variants.items():
+        refused = descriptors == most < kernels
+        yield compared(f"start of a process, {name}", ours[name], floor[name], 1.2,
+                       remark=f"the kernel's maximum, {kernels:,}, may not be set here" if refused else "")
 
 
 # --- the scan of /proc ----------------------------------------------------------------------------------------------

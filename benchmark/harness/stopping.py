@@ -12,8 +12,8 @@ from turns import repetitions, sides
 
 SERVICES = 100
 GOAL = 1.2
-WHY = ("each service has a line in the log before its signal, and in a teardown two for its death; the floor writes "
-       "nothing. At the end of the daemon that is a quarter of the difference, and the rest is not known")
+WHY = ("each service has a line in the log before its signal, and in a teardown at least one for its death; the floor "
+       "writes nothing. How much of the difference that is, is not measured")
 
 
 class Watch:

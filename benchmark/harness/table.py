@@ -18,7 +18,8 @@ class Row:
     goal: str = ""  # without a goal the row only tells
     met: typing.Optional[bool] = None
     peers: dict = dataclasses.field(default_factory=dict)  # by the names above
-    note: str = ""  # why the goal is missed, told where it is; without a goal a reservation
+    note: str = ""  # why the goal is missed, told where it is
+    remark: str = ""  # a reservation, told in any case
 
 
 @dataclasses.dataclass
@@ -93,11 +94,9 @@ def cells(rows):
     """The texts of all lines, and the notes that they point to."""
     lines, notes = [], []
     for row in rows:
-        mark = ""
-        if row.note and not row.met:
-            if row.note not in notes:
-                notes.append(row.note)
-            mark = f" [{notes.index(row.note) + 1}]"
+        told = [text for text in (row.remark, "" if row.met else row.note) if text]
+        notes += [text for text in told if text not in notes]
+        mark = "".join(f" [{notes.index(text) + 1}]" for text in told)
         lines.append((row.name + mark, row.ours, row.floor, row.ratio, row.goal, VERDICTS[row.met],
                       *(row.peers.get(peer, "") for peer in PEERS)))
     return lines, notes
