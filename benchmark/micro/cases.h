@@ -7,11 +7,14 @@
 
 namespace Micro {
 
-using Call = std::function<void()>;
+struct Call {
+  std::function<void()> run{};
+  std::function<void()> before{};  // what each call needs and is not timed; none for most
+};
 
 struct Case {
   std::string name;
-  int counted_calls = 0;            // how many calls the counting of instructions makes
+  int counted_calls = 0;            // how many calls the counting of instructions makes: 1 where something is before
   std::function<Call()> prepare{};  // makes what is needed and gives the call; what it made lives as long as that call
 };
 using Cases = std::vector<Case>;
@@ -22,5 +25,6 @@ using Cases = std::vector<Case>;
 [[nodiscard]] Cases parse_cases();
 [[nodiscard]] Cases process_cases();
 [[nodiscard]] Cases report_cases();
+[[nodiscard]] Cases supervision_cases();
 
 }  // namespace Micro

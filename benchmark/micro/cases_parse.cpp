@@ -17,13 +17,13 @@ using namespace Tessaro::Iot::Component;
 namespace {
 
 Call prepare_catalogue(int services) {
-  return [text = catalogue_text(services)] {
+  return {[text = catalogue_text(services)] {
     std::istringstream stream(text);
     ServiceTable table;
     if (!read_catalogue(stream, table)) std::abort();
     benchmark::DoNotOptimize(table.data());
     for (const ServiceRecord* record : table) delete record;
-  };
+  }};
 }
 
 void read_identity(const std::string& text) {
@@ -35,8 +35,8 @@ void read_identity(const std::string& text) {
 }
 
 Call prepare_identity() {
-  return [text = std::string(R"({"productkey":"a1b2c3d4e5f","devicename":"gateway-000042",)"
-                             R"("devicesecret":"0123456789abcdef0123456789abcdef"})")] { read_identity(text); };
+  return {[text = std::string(R"({"productkey":"a1b2c3d4e5f","devicename":"gateway-000042",)"
+                              R"("devicesecret":"0123456789abcdef0123456789abcdef"})")] { read_identity(text); }};
 }
 
 }  // namespace

@@ -1,15 +1,13 @@
 // Processes: the scan for them, and the start of one.
 #include <benchmark/benchmark.h>
 
-#include <csignal>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "cases.h"
-#include "platform/process_host.h"
 #include "process_scan.h"
+#include "shared.h"
 
 namespace Micro {
 
@@ -18,25 +16,6 @@ using namespace Tessaro::Iot::Component;
 namespace {
 
 constexpr int scanned_processes = 50;
-
-// A program of the benchmark: they lie beside this one's directory.
-std::string program(const char* name) {
-  return std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path() / name;
-}
-
-CProcessHost& host() {
-  static const bool bound = CProcessHost::instance().bind_to_this_thread();
-  if (!bound) std::abort();
-  return CProcessHost::instance();
-}
-
-CSpawnPlan plan_of(const std::string& path) {
-  CSpawnPlan plan;
-  plan.program = path;
-  plan.add_argument("service");
-  plan.parent_death_signal = SIGKILL;
-  return plan;
-}
 
 // They end with this process.
 bool start_crowd() {
@@ -50,16 +29,16 @@ bool start_crowd() {
 Call prepare_scan() {
   static const bool started = start_crowd();
   (void)started;  // once, however often the case is prepared
-  return [] {
+  return {[] {
     std::vector<int32_t> pids;
     if (!find_processes_by_name("quorvaned", pids)) std::abort();
     benchmark::DoNotOptimize(pids.data());
-  };
+  }};
 }
 
 // To the end of a program that ends at once.
 Call prepare_start() {
-  return [plan = plan_of(program("report_start"))] { host().run_to_end(plan); };
+  return {[plan = plan_of(program("report_start"))] { host().run_to_end(plan); }};
 }
 
 }  // namespace

@@ -22,10 +22,11 @@ namespace {
 using namespace Micro;
 
 constexpr int calls_before_counting = 3;
+constexpr int calls_with_something_before = 1000;  // as many as take half a second would take minutes with it
 
 Cases all_cases() {
   Cases all;
-  for (Cases (*const some)() : {log_cases, parse_cases, report_cases, process_cases}) {
+  for (Cases (*const some)() : {log_cases, parse_cases, report_cases, process_cases, supervision_cases}) {
     for (Case& one : some()) all.push_back(std::move(one));
   }
   return all;
@@ -37,13 +38,21 @@ void make_directories() {
   std::filesystem::create_directories("/quorvane/run/logger");
 }
 
+void make_ready(const Call& call) {
+  if (call.before) call.before();
+}
+
 int count(const char* part) {
   for (const Case& one : all_cases()) {
     if (one.name.find(part) == std::string::npos) continue;
     const Call call = one.prepare();
     // What happens once only, such as the first use of a library's function, is not counted.
-    for (int number = 0; number < calls_before_counting; ++number) call();
-    counted_calls(&call, one.counted_calls);
+    for (int number = 0; number < calls_before_counting; ++number) {
+      make_ready(call);
+      call.run();
+    }
+    make_ready(call);
+    counted_calls(&call.run, one.counted_calls);
     (void)std::printf("%d\t%s\n", one.counted_calls, one.name.c_str());
     (void)std::fflush(stdout);
   }
@@ -52,13 +61,21 @@ int count(const char* part) {
 
 int time(int argc, char** argv) {
   for (const Case& one : all_cases()) {
-    (void)benchmark::RegisterBenchmark(one.name.c_str(), [prepare = one.prepare](benchmark::State& state) {
-      const Call call = prepare();
-      for (auto turn : state) {
-        (void)turn;
-        call();
-      }
-    })->UseRealTime();  // the kernel's and the children's share count too
+    auto* const registered =
+        benchmark::RegisterBenchmark(one.name.c_str(), [prepare = one.prepare](benchmark::State& state) {
+          const Call call = prepare();
+          for (auto turn : state) {
+            (void)turn;
+            if (call.before) {
+              state.PauseTiming();
+              call.before();
+              state.ResumeTiming();
+            }
+            call.run();
+          }
+        });
+    registered->UseRealTime();  // the kernel's and the children's share count too
+    if (one.counted_calls == 1) registered->Iterations(calls_with_something_before);
   }
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;

@@ -2,7 +2,6 @@
 // Starts COUNT services, PROGRAM RECORD PREFIX_NUMBER, and notes each death in LOG, a line with the wall clock's time.
 // With RESTARTS 1 it looks once a second for the dead, notes them again and starts them again. Writes "up" when all are
 // started; they end with it.
-#define _GNU_SOURCE
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -84,8 +83,8 @@ static void set_pass(int timer) {
 int main(int argc, char** argv) {
   if (argc != 7) give_up("usage: bare_watcher LOG RESTARTS COUNT PROGRAM RECORD PREFIX");
   log_path = argv[1];
-  const int restarts = atoi(argv[2]);
-  const int count = atoi(argv[3]);
+  const int restarts = (int)strtol(argv[2], NULL, 10);
+  const int count = (int)strtol(argv[3], NULL, 10);
   program = argv[4];
   record = argv[5];
   prefix = argv[6];
