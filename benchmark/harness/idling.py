@@ -22,7 +22,7 @@ MOST_PSS = 1.25
 MOST_PER_SERVICE_KIB = 4
 WHY_AWAKE = "each thread that looks around once a second is a wake-up a second"
 WHY_WARM = "to wake an idle processor takes most of it, as the floor shows"
-WHY_LARGE = "two bus connections and five threads against one of each, the log library, twice as much code"
+WHY_LARGE = "two bus connections and five threads against one of each, the log library, more code"
 
 
 def sampled(supervisors, minutes, seconds):

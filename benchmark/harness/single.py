@@ -121,7 +121,7 @@ def commands(count, ours, theirs):
 
 
 @measurement("scan", "the look through /proc for a program, with 2,000 processes of the installation",
-             "a loop in C that makes the same calls; and the whole of pgrep and pidof beside a command that scans")
+             "a loop in C; and the whole of pgrep and pidof beside a command that scans")
 def scan(quick):
     """In one process against the bare loop; and as a command against the general tools."""
     with Crowd(SCANNED):
@@ -143,7 +143,7 @@ LINE = re.compile(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} \[pid=\d+\] \[line_tim
                   r"run thread-(\d)-line-(\d{6}) pid \d+")
 
 
-TURNS = "writers take turns, or they would write beyond the limit together; the rest is the making of the text"
+TURNS = "writers take turns, or they would write beyond the limit together; and the text has to be made"
 
 
 @measurement("line", "one line of the start-up log", "open, fstat, write and close")

@@ -41,7 +41,7 @@ static int read_pid(const char* entry) {
   close(file);
   if (length <= 0) return 0;
   text[length] = '\0';
-  return atoi(text);
+  return (int)strtol(text, NULL, 10);
 }
 
 size_t bare_scan(const char* root, const char* name, const char* mount_namespace, int* pids, size_t room) {
