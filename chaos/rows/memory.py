@@ -211,6 +211,7 @@ class Refusals:
         image = text[text.rfind(b"quorvaned start, pid:"):]
         return self.daemon.status == 0 or self.daemon.status == FAILED_START and (
             b"fail to init service environment" in image
+            or b"fail to create start up thread" in image
             or ABORTED in image and b"initialize the running environment" not in image)
 
     def helps(self):
