@@ -48,7 +48,7 @@ bool find_processes_by_name(const std::string& name, std::vector<int32_t>& pids)
   while (processes.getNextFile(number)) {
     if (!is_number(number)) continue;
     const std::string entry = "/proc/" + number;
-    if (!CDir::isDir(entry) || !is_wanted(entry, wanted)) continue;
+    if (!is_wanted(entry, wanted) || !CDir::isDir(entry)) continue;  // nearly all would pass the second
     std::string stat_line;
     if (!CFile::read(entry + "/stat", stat_line)) continue;
     if (stat_line.substr(0, stat_line.find('\n')).find(' ') == std::string::npos) continue;
