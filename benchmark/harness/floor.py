@@ -15,15 +15,17 @@ BUS_COMMAND = [os.path.join(BIN, "dbus-daemon"), "--nofork", f"--config-file={BI
 class Starter:
     """A program that starts services as fast as they can be started. Use as a context."""
 
-    def __init__(self, count, signal_number=signal.SIGTERM):
+    def __init__(self, count, signal_number=signal.SIGTERM, log=None):
         self.slots = Slots(count, "floor")
         self.signal_number = signal_number
+        self.log = [log] if log else []
         self.process = None
         self.told = []
 
     def __enter__(self):
         self.slots.clear()
-        words = [str(self.slots.count), program("slot_service"), self.slots.path, str(int(self.signal_number))]
+        words = [str(self.slots.count), program("slot_service"), self.slots.path, str(int(self.signal_number)),
+                 *self.log]
         self.process = subprocess.Popen([program("begin"), self.slots.begun, program("bare_starter"), *words],
                                         stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
         self.told = self.slots.wait(60)

@@ -9,7 +9,7 @@ import time
 
 from gateway import BUILD, LOG, RUN, Failed, program, run
 from registry import measurement
-from table import Row, Spread, at_most, ratios
+from table import Row, at_most, compared
 from turns import repetitions
 
 DAEMON = os.path.join(BUILD, "service", "quorvaned")
@@ -21,14 +21,6 @@ def pairs(text):
     if not lines:
         raise Failed("nothing was measured")
     return [int(line[0]) / 1e9 for line in lines], [int(line[1]) / 1e9 for line in lines]
-
-
-def compared(name, ours, floor, limit, scale=1e6, unit=" us", digits=0, note="", remark=""):
-    """The row of two times whose ratio has a limit; without a limit it only tells."""
-    ratio = ratios(ours, floor)
-    goal, met = at_most(limit, ratio.middle) if limit else ("", None)
-    return Row(name, Spread.of(ours).show(scale, unit, digits), Spread.of(floor).show(scale, unit, digits),
-               ratio.show(), goal, met, note=note, remark=remark)
 
 
 # --- the start of a process -----------------------------------------------------------------------------------------
@@ -151,12 +143,14 @@ def line(quick):
     """One thread, with a short and with a long log, then five at once, whose lines are looked at one by one."""
     os.makedirs(os.path.dirname(LOG), exist_ok=True)
 
-    def timed(rounds, batch, threads, size):
-        return pairs(run([program("line_timer"), *map(str, (rounds, batch, threads, size)), RUN + "/startup/floor.log"],
-                         300))
+    def timed(rounds, batch, threads, size, floor="free"):
+        return pairs(run([program("line_timer"), *map(str, (rounds, batch, threads, size)), RUN + "/startup/floor.log",
+                          floor], 300))
 
     # Few lines at a time, so that most rounds are not interrupted on a busy machine either.
     yield compared("line of the start-up log", *timed(300 if quick else 3000, 50, 1, 0), 1.3, 1e6, " us", 2, TURNS)
+    yield compared("  beside a floor that takes turns too", *timed(300 if quick else 3000, 50, 1, 0, "in-turn"), None, 1e6,
+                   " us", 2)
     yield compared("  close to its limit", *timed(300 if quick else 3000, 50, 1, CROWDED), None, 1e6, " us", 2)
     each = 400
     together = timed(20 if quick else 100, each, THREADS, 0)

@@ -64,6 +64,14 @@ def ratios(ours, floor, groups=20):
     return Spread.of([statistics.median(a) / statistics.median(b) for a, b in pairs])
 
 
+def compared(name, ours, floor, limit, scale=1e6, unit=" us", digits=0, note="", remark=""):
+    """The row of two times whose ratio has a limit; without a limit it only tells."""
+    ratio = ratios(ours, floor)
+    goal, met = at_most(limit, ratio.middle) if limit else ("", None)
+    return Row(name, Spread.of(ours).show(scale, unit, digits), Spread.of(floor).show(scale, unit, digits),
+               ratio.show(), goal, met, note=note, remark=remark)
+
+
 def at_most(limit, value, unit=""):
     """A goal and whether it is met."""
     return f"<= {limit:g}{unit}", value <= limit

@@ -1,14 +1,20 @@
-// usage: bare_starter COUNT PROGRAM FILE SIGNAL
+// usage: bare_starter COUNT PROGRAM FILE SIGNAL [LOG]
 // Starts COUNT times PROGRAM FILE NUMBER, as fast as they can be started. When a line comes in, sends all of them the
 // signal, waits for their ends, and prints when it sent the first one and when it had seen the last one's end, in
-// nanoseconds since 1970.
+// nanoseconds since 1970. With LOG it writes a line there before each signal and, unless that is SIGKILL, after each
+// end, as the daemon does.
+#include <fcntl.h>
 #include <signal.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
+
+enum { kill_line = 92, death_line = 75 };
 
 static int64_t now_ns(void) {
   struct timespec now;
@@ -28,8 +34,31 @@ static pid_t start(const char* program, const char* file, int number) {
   return pid;
 }
 
+// As long as the daemon's own lines are.
+static void write_line(const char* log, size_t length) {
+  char line[128];
+  if (log == NULL) return;
+  memset(line, 'x', length);
+  line[length - 1] = '\n';
+  struct stat status;
+  const int file = open(log, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0640);
+  if (file < 0 || fstat(file, &status) != 0 || write(file, line, length) != (ssize_t)length) _exit(1);
+  close(file);
+}
+
+static void end_all(const pid_t* pids, int count, int signal_number, const char* log) {
+  for (int number = 0; number < count; ++number) {
+    write_line(log, kill_line);
+    kill(pids[number], signal_number);
+  }
+  for (int number = 0; number < count; ++number) {
+    wait(NULL);
+    if (signal_number != SIGKILL) write_line(log, death_line);
+  }
+}
+
 int main(int argc, char** argv) {
-  if (argc != 5) return 2;
+  if (argc != 5 && argc != 6) return 2;
   const int count = (int)strtol(argv[1], NULL, 10);
   const int signal_number = (int)strtol(argv[4], NULL, 10);
   pid_t* pids = calloc((size_t)count + 1, sizeof *pids);
@@ -38,8 +67,7 @@ int main(int argc, char** argv) {
   char line[16];
   if (fgets(line, sizeof line, stdin) == NULL) return 1;
   const int64_t begin = now_ns();
-  for (int number = 0; number < count; ++number) kill(pids[number], signal_number);
-  for (int number = 0; number < count; ++number) wait(NULL);
+  end_all(pids, count, signal_number, argv[5]);
   printf("%lld %lld\n", (long long)begin, (long long)now_ns());
   free(pids);
   return 0;

@@ -1,8 +1,9 @@
-// usage: line_timer PAIRS BATCH THREADS SIZE BARE_LOG
+// usage: line_timer PAIRS BATCH THREADS SIZE BARE_LOG free|in-turn
 // Writes start-up log lines, BATCH at a time on each of THREADS threads at once, through the daemon's log and by a bare
-// open, fstat, write and close of as many bytes to BARE_LOG, in turn (A B, B A, A B, ...). Each time both logs begin
-// with a SIZE in bytes. Prints for each pair the nanoseconds that both took for one line.
+// open, fstat, write and close of as many bytes to BARE_LOG, which "in-turn" locks it too, in turn (A B, B A, A B, ...).
+// Each time both logs begin with a SIZE in bytes. Prints for each pair the nanoseconds that both took for one line.
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -30,9 +31,11 @@ void write_ours(int thread, int number, const std::string& /*bare_log*/, const s
   STARTUP_LOG("run thread-%d-line-%06d pid %d", thread, number, shown_pid);
 }
 
+template <bool in_turn>
 void write_bare(int /*thread*/, int /*number*/, const std::string& bare_log, const std::string& bare_line) {
   const int file = ::open(bare_log.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0640);
   struct stat status {};
+  if (in_turn && ::flock(file, LOCK_EX) != 0) std::exit(1);
   if (file < 0 || ::fstat(file, &status) != 0) std::exit(1);
   if (::write(file, bare_line.data(), bare_line.size()) != static_cast<ssize_t>(bare_line.size())) std::exit(1);
   (void)::close(file);
@@ -87,17 +90,18 @@ std::string line_like_ours(const std::string& bare_log) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 6) {
-    (void)std::fputs("usage: line_timer PAIRS BATCH THREADS SIZE BARE_LOG\n", stderr);
+  if (argc != 7) {
+    (void)std::fputs("usage: line_timer PAIRS BATCH THREADS SIZE BARE_LOG free|in-turn\n", stderr);
     return 2;
   }
   const int pairs = std::stoi(argv[1]);
   const Load load{std::stoi(argv[2]), std::stoi(argv[3]), std::stol(argv[4]), argv[5], line_like_ours(argv[5])};
+  const Writer bare = argv[6] == std::string("in-turn") ? write_bare<true> : write_bare<false>;
   for (int round = -warm_up; round < pairs; ++round) {
     std::array<double, 2> ns{};
     set_sizes(load.bare_log, load.size);
     for (const int side : {std::abs(round) % 2, 1 - std::abs(round) % 2}) {
-      ns.at(static_cast<size_t>(side)) = time_lines(side == 0 ? write_ours : write_bare, load);
+      ns.at(static_cast<size_t>(side)) = time_lines(side == 0 ? write_ours : bare, load);
     }
     if (round >= 0) (void)std::printf("%.0f %.0f\n", ns[0], ns[1]);
   }
