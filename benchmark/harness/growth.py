@@ -67,7 +67,7 @@ def growth(quick):
     """One picture, and a line for each cost."""
     counts = COUNTS[:3] if quick else COUNTS
     costs = {cost: {count: [] for count in counts} for cost in COSTS}
-    for number in repetitions(1, 1 if quick else 5, 600):
+    for number in repetitions(1, 1 if quick else 5, 300):
         for count in sides(number, counts):
             for measure in sides(number, (ours_of, floor_of)):
                 for cost, value in measure(count, quick).items():

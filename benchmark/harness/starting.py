@@ -15,7 +15,7 @@ from turns import repetitions, sides
 
 GOAL = 1.15
 # For each number of services: the most rounds, and the seconds for all of them.
-ROUNDS = {10: (60, 240), 100: (20, 240), 500: (16, 200)}
+ROUNDS = {10: (60, 150), 100: (20, 180), 500: (16, 150)}
 SELDOM = {"runit": 2, "supervisor": 2, "monit": 4}  # slow ones take part in every so manyth round
 WHY = "each service has two lines in the log, and its child drops the daemon's signals and descriptors first"
 WHY_WHOLE = ("the loader, the catalogue, the directories, the pid file, the threads and two connections to the bus "

@@ -77,7 +77,7 @@ def stop(quick):
     """A teardown ends them with SIGTERM, the end of the daemon with SIGKILL."""
     for forced, name in ((False, "stop of 100 services, teardown"), (True, "stop of 100 services, end of the daemon")):
         times = {"ours": [], "floor": [], "floor with lines": []}
-        for number in repetitions(2, 3 if quick else 25, 8 if quick else 150):
+        for number in repetitions(2, 3 if quick else 25, 8 if quick else 100):
             for side in sides(number, tuple(times)):
                 times[side].append(stopped(side, SERVICES, forced))
         yield compared(name, times["ours"], times["floor"], GOAL, 1e3, " ms", 2, WHY)
