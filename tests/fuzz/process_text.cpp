@@ -24,16 +24,16 @@ namespace {
 constexpr size_t name_size = 16;
 constexpr size_t longest_pid_text = 15;
 
-// A file and another process that has its lock.
+// A file and another process that has a lock of that type on it, F_WRLCK or F_RDLCK.
 class HeldFile {
  public:
-  HeldFile() {
+  explicit HeldFile(int16_t type) {
     const int file = ::mkstemp(path_.data());
     (void)::close(file);
     int ready[2] = {-1, -1};
     Fuzz::require(file >= 0 && ::pipe(ready) == 0, "there is a file and a pipe");
     holder_ = ::fork();
-    if (holder_ == 0) hold(ready[1]);
+    if (holder_ == 0) hold(ready[1], type);
     char byte = 0;
     Fuzz::require(::read(ready[0], &byte, 1) == 1, "the holder has the lock");
     (void)::close(ready[0]);
@@ -50,10 +50,12 @@ class HeldFile {
   }
 
  private:
-  [[noreturn]] void hold(int ready) const {
+  [[noreturn]] void hold(int ready, int16_t type) const {
     (void)::prctl(PR_SET_PDEATHSIG, SIGKILL);
     const int file = ::open(path_.c_str(), O_RDWR | O_CLOEXEC);
-    if (try_lock_file(file) == 0) (void)!::write(ready, "x", 1);
+    struct flock lock {};
+    lock.l_type = type;
+    if (::fcntl(file, F_SETLK, &lock) == 0) (void)!::write(ready, "x", 1);
     for (;;) (void)::pause();
   }
 
@@ -68,7 +70,7 @@ std::string with_holder(std::string_view text, int32_t holder) {
 }
 
 void check_pid_file(std::string_view input) {
-  static const HeldFile file;
+  static const HeldFile file(F_WRLCK);
   const std::string text = with_holder(input, file.holder());
   file.write(text);
   const bool names_holder = Text::leading_number(text.substr(0, longest_pid_text)) == file.holder();
@@ -76,6 +78,13 @@ void check_pid_file(std::string_view input) {
   Fuzz::require(read_locked_pid(file.path()) == expected, "only the holder of the lock counts");
   Fuzz::require(lock_pid_file(file.path()) == expected, "a held file is not taken");
   Fuzz::require(names_holder || read_locked_pid(file.path() + "/none") == -1, "a file that is not there is nobody's");
+}
+
+// Whoever only reads it does not own it. Once, since it is ours afterwards.
+void check_file_that_is_read() {
+  static const HeldFile file(F_RDLCK);
+  static const bool is_free = read_locked_pid(file.path()) == -1 && lock_pid_file(file.path()) == 0;
+  Fuzz::require(is_free, "a file that somebody reads is nobody's, and is taken");
 }
 
 // Taken over whatever it held.
@@ -118,6 +127,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Fakes::World::get().reset();  // its clock moves where the daemon would wait
   const std::string_view input = Fuzz::as_text(data, std::min<size_t>(size, 4096));
   check_pid_file(input);
+  check_file_that_is_read();
   check_own_pid_file(input);
   check_scan(input);
   return 0;
