@@ -1,6 +1,5 @@
 #include "start_up.h"
 
-#include <malloc.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -147,9 +146,6 @@ void CStartup::run_cycle() {
   // goes on.
   if (exit_requested && !upgrading) wait_for_the_end();
   tear_down();
-  // Each cycle's memory lies elsewhere among what is free: without this, one in a hundred or so would use a page of the
-  // heap for the first time, and the daemon would grow by it.
-  (void)::malloc_trim(0);
 }
 
 void CStartup::bring_up() {

@@ -4,6 +4,7 @@ import os
 import signal
 import time
 
+import steady
 from harness import clock, processes
 from harness.gateway import MISSING, UP, Service
 from pages import Pages, came, pause
@@ -79,7 +80,7 @@ class EarlyDeaths:
      "800 services (each is left alone for 30 s after a start, so 200 would take an hour), fifty times a second one of "
      "them by chance, which is killed if it lives; a sixth of them is only killed when it has lived for 31 s. A wait "
      "begins with the death, or 31 s after the start if that is later. What is used is the least of some looks, after "
-     "1,000 restarts and at the end", short=50, long=20_000, seconds=(120, 1200))
+     "1,000 restarts and at the end, without the threads' caches of free memory", short=50, long=20_000, seconds=(120, 1200))
 def kill_storm(run):
     """Every killed service comes back, once, and in time."""
     gateway = run.gateway()
@@ -88,7 +89,7 @@ def kill_storm(run):
     gateway.catalogue(*[Service(name, monitor=1, delay=0.1 if number % 3 == 0 else None, program="exec sleep infinity")
                         for number, name in enumerate(names)])
     gateway.prepare_run_directory()
-    daemon = gateway.start()
+    daemon = gateway.start(env=steady.environment())
     clock.until(lambda: UP.encode() in gateway.log.bytes(), 90, "the stack is up")
     storm = Storm(names, Pages(gateway), old_enough=500 if run.is_long else 5)
     base = storm.rage(run, gateway, daemon)
