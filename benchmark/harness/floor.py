@@ -35,7 +35,7 @@ class Starter:
 
     def end_all(self):
         """End the services; gives when the first was sent its signal, in ns since 1970."""
-        return int(self.process.communicate("\n", timeout=60)[0].split()[0])
+        return int(self.process.communicate("\n", timeout=60)[0])
 
     def __exit__(self, *_):
         for _, pid in self.told or []:

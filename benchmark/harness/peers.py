@@ -65,6 +65,7 @@ class Peer:
         self.top = None
         self.place = f"{PLACE}-{self.name}"
         self.environment = {"PATH": f"{PROGRAMS}:/usr/bin:/bin", "SLOTS": self.slots.path}
+        self.libraries = {}  # the environment that its own programs want besides
 
     def prepare(self):
         """Write what it reads; gives its command."""
@@ -81,9 +82,9 @@ class Peer:
         self.slots.clear()
         with open(f"{self.place}/output", "wb") as output:
             try:
-                self.top = subprocess.Popen([program("begin"), self.slots.begun, *command], env=self.environment,
-                                            stdin=subprocess.DEVNULL, stdout=output, stderr=output, cwd=self.place,
-                                            preexec_fn=self.before)
+                self.top = subprocess.Popen([program("begin"), self.slots.begun, *command],
+                                            env={**self.environment, **self.libraries}, stdin=subprocess.DEVNULL,
+                                            stdout=output, stderr=output, cwd=self.place, preexec_fn=self.before)
             except subprocess.SubprocessError:
                 raise Failed(f"{self.name} cannot be run here") from None
         return self
@@ -181,13 +182,14 @@ class S6(ByDirectories):
     before = staticmethod(show_at_home)  # it looks for its own programs at fixed places
 
     def command(self, directory):
-        self.environment["LD_LIBRARY_PATH"] = LIBRARIES
+        self.libraries["LD_LIBRARY_PATH"] = LIBRARIES
         return [path_of("s6-svscan"), directory]
 
     def status(self):
-        # Its command shows one service at a time.
+        # Its command shows one service at a time. Our own command, beside it, is not to look for libraries there.
         words = " ".join(self.directories())
-        return ["/bin/sh", "-c", f"for each in {words}; do {path_of('s6-svstat')} $each || exit 1; done"]
+        return ["/bin/sh", "-c", f"export LD_LIBRARY_PATH={LIBRARIES}; "
+                f"for each in {words}; do {path_of('s6-svstat')} $each || exit 1; done"]
 
 
 class Daemontools(ByDirectories):

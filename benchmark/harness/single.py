@@ -16,11 +16,16 @@ DAEMON = os.path.join(BUILD, "service", "quorvaned")
 
 
 def pairs(text):
-    """The two columns of a program's output, in seconds."""
-    lines = [line.split() for line in text.splitlines()]
+    """The first two columns of a program's output, in seconds."""
+    return columns(text)[:2]
+
+
+def columns(text):
+    """The columns of a program's output, in seconds."""
+    lines = [[int(word) / 1e9 for word in line.split()] for line in text.splitlines()]
     if not lines:
         raise Failed("nothing was measured")
-    return [int(line[0]) / 1e9 for line in lines], [int(line[1]) / 1e9 for line in lines]
+    return list(map(list, zip(*lines)))
 
 
 # --- the start of a process -----------------------------------------------------------------------------------------
@@ -44,7 +49,7 @@ def starts(most):
     """What is measured: name to the number of services, the limit of open files, and on which thread."""
     return {
         "1 service": (1, FEW_DESCRIPTORS, "direct"),
-        f"1 service, {most:,} descriptors": (1, most, "direct"),
+        f"1 service, limit of {most:,} descriptors": (1, most, "direct"),
         "100 services": (100, FEW_DESCRIPTORS, "direct"),
         "2,000 services": (2000, FEW_DESCRIPTORS, "direct"),
         "1 service, asked for by another thread": (1, FEW_DESCRIPTORS, "asked"),
@@ -52,23 +57,25 @@ def starts(most):
 
 
 @measurement("process", "from the request to start a service to its first instructions",
-             "fork and exec in the same process")
+             "fork and exec in the same process, and vfork and exec")
 def process(quick):
     """The process host beside a bare fork and exec, with few and many services and open files."""
     most, kernels = most_descriptors()
     variants = starts(most)
     ours = {name: [] for name in variants}
     floor = {name: [] for name in variants}
+    borrowing = {name: [] for name in variants}
     for _ in repetitions(2, 2 if quick else 10, 60):
         for name, (services, descriptors, how) in variants.items():
-            one, other = pairs(run([program("start_timer"), "40" if quick else "100", str(services), str(descriptors),
-                                    how, program("idle_service"), program("report_start")], 60))
-            ours[name] += one
-            floor[name] += other
+            text = run([program("start_timer"), "40" if quick else "100", str(services), str(descriptors), how,
+                        program("idle_service"), program("report_start")], 60)
+            for times, more in zip((ours, floor, borrowing), columns(text)):
+                times[name] += more
     for name, (_, descriptors, _) in variants.items():
         refused = descriptors == most < kernels
         yield compared(f"start of a process, {name}", ours[name], floor[name], 1.2,
                        remark=f"the kernel's maximum, {kernels:,}, may not be set here" if refused else "")
+        yield compared("  beside vfork", ours[name], borrowing[name], None)
 
 
 # --- the scan of /proc ----------------------------------------------------------------------------------------------
@@ -149,8 +156,8 @@ def line(quick):
 
     # Few lines at a time, so that most rounds are not interrupted on a busy machine either.
     yield compared("line of the start-up log", *timed(300 if quick else 3000, 50, 1, 0), 1.3, 1e6, " us", 2, TURNS)
-    yield compared("  beside a floor that takes turns too", *timed(300 if quick else 3000, 50, 1, 0, "in-turn"), None, 1e6,
-                   " us", 2)
+    yield compared("  beside a floor that takes turns too", *timed(300 if quick else 3000, 50, 1, 0, "in-turn"), None,
+                   1e6, " us", 2)
     yield compared("  close to its limit", *timed(300 if quick else 3000, 50, 1, CROWDED), None, 1e6, " us", 2)
     each = 400
     together = timed(20 if quick else 100, each, THREADS, 0)

@@ -10,9 +10,9 @@ from gateway import REPOSITORY
 # What is measured, what measures it, and how it is built and run. Of this folder a measurement depends on its own
 # module and those that it imports, not on those that make the table's page of it.
 SOURCES = ("platform", "service", "gateway/bus/mbusd.conf", "cmake", "CMakeLists.txt", "benchmark/programs",
-           "benchmark/CMakeLists.txt", "scripts/bench", "scripts/private-root")
+           "benchmark/CMakeLists.txt", "scripts/bench", "scripts/private-root", "scripts/setup")
 FOLDER = "benchmark/harness"
-SHARED = ("priority",)
+SHARED = ("priority", "results")
 
 
 def files_of(path):

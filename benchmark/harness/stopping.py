@@ -1,6 +1,7 @@
 """How fast services are ended, beyond the waits that come before."""
 
 import datetime
+import os
 import signal
 import subprocess
 
@@ -12,8 +13,9 @@ from turns import repetitions, sides
 
 SERVICES = 100
 GOAL = 1.2
-WHY = ("each service has a line in the log before its signal and, in a teardown, another one for its death; at the end of "
-       "the daemon the bus daemon ends first, on the same processors")
+WHY = ("each service has a line in the log before its signal and, in a teardown, two more for its death; at the end of "
+       "the daemon the bus daemon is signalled first, and ends meanwhile on the same processors")
+FLOOR_LOG = RUN + "/startup/floor.log"
 
 
 class Watch:
@@ -67,7 +69,8 @@ def stopped(side, count, forced):
     if side == "ours":
         with Gateway(slots=count) as gateway:
             return ours_s(gateway, forced)
-    log = RUN + "/startup/floor.log" if side == "floor with lines" else None
+    log = FLOOR_LOG if side == "floor with lines" else None
+    os.makedirs(os.path.dirname(FLOOR_LOG), exist_ok=True)
     with Starter(count, signal.SIGKILL if forced else signal.SIGTERM, log) as starter:
         return floor_s(starter)
 

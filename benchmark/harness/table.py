@@ -102,7 +102,7 @@ def cells(rows):
     """The texts of all lines, and the notes that they point to."""
     lines, notes = [], []
     for row in rows:
-        told = [text for text in (row.remark, "" if row.met else row.note) if text]
+        told = [text for text in (row.remark, row.note if row.met is False else "") if text]
         notes += [text for text in told if text not in notes]
         mark = "".join(f" [{notes.index(text) + 1}]" for text in told)
         lines.append((row.name + mark, row.ours, row.floor, row.ratio, row.goal, VERDICTS[row.met],

@@ -1,6 +1,6 @@
 // usage: line_timer PAIRS BATCH THREADS SIZE BARE_LOG free|in-turn
 // Writes start-up log lines, BATCH at a time on each of THREADS threads at once, through the daemon's log and by a bare
-// open, fstat, write and close of as many bytes to BARE_LOG, which "in-turn" locks it too, in turn (A B, B A, A B, ...).
+// open, fstat, write and close of as many bytes to BARE_LOG ("in-turn": which is locked too), A B, B A, A B and so on.
 // Each time both logs begin with a SIZE in bytes. Prints for each pair the nanoseconds that both took for one line.
 #include <fcntl.h>
 #include <sys/file.h>

@@ -1,7 +1,7 @@
-// usage: start_timer PAIRS SERVICES DESCRIPTORS direct|asked IDLE_PROGRAM PROGRAM
+// usage: start_timer ROUNDS SERVICES DESCRIPTORS direct|asked IDLE_PROGRAM PROGRAM
 // With SERVICES idle services started and a limit of DESCRIPTORS open files, starts PROGRAM through the daemon's
-// process host and by a bare fork and exec, in turn (A B, B A, A B, ...). PROGRAM writes the moment of its first
-// instructions to its standard input. Prints for each pair the nanoseconds up to there.
+// process host, by a bare fork and exec and by a bare vfork and exec, in turn (A B C, C B A, A B C, ...). PROGRAM writes
+// the moment of its first instructions to its standard input. Prints for each round the nanoseconds up to there.
 //   direct   on the thread that forks
 //   asked    on another one, which has to ask for it, as the daemon's controller and monitor do
 #include <sys/resource.h>
@@ -63,9 +63,22 @@ void start_bare(const char* program) {
   ::_exit(1);
 }
 
+// The child has this process's memory until it executes, as the process host's has.
+void start_borrowing(const char* program) {
+  char* const arguments[] = {const_cast<char*>("service"), nullptr};
+  const pid_t pid = ::vfork();
+  if (pid == 0) {
+    (void)::execv(program, arguments);
+    ::_exit(1);
+  }
+  if (pid < 0) give_up("no process");
+}
+
+constexpr std::array starters{start_ours, start_bare, start_borrowing};
+
 class Measurement {
  public:
-  Measurement(int pairs, const char* program) : pairs_(pairs), program_(program) {
+  Measurement(int rounds, const char* program) : rounds_(rounds), program_(program) {
     std::array<int, 2> ends{};
     if (::pipe(ends.data()) != 0 || ::dup2(ends[1], STDIN_FILENO) != STDIN_FILENO) give_up("no pipe");
     (void)::close(ends[1]);
@@ -79,12 +92,13 @@ class Measurement {
 
   // Measures, prints and sets `done`. `serving` is true when this thread has to look for the deaths itself.
   void run(bool serving, std::atomic<bool>& done) {
-    for (int round = -warm_up; round < pairs_; ++round) {
-      std::array<int64_t, 2> ns{};
-      for (const int side : {std::abs(round) % 2, 1 - std::abs(round) % 2}) {
-        ns.at(static_cast<size_t>(side)) = time_one(side == 0 ? start_ours : start_bare, serving);
+    for (int round = -warm_up; round < rounds_; ++round) {
+      std::array<long long, starters.size()> ns{};
+      for (size_t turn = 0; turn < ns.size(); ++turn) {
+        const size_t side = round % 2 == 0 ? turn : ns.size() - 1 - turn;
+        ns.at(side) = time_one(starters.at(side), serving);
       }
-      if (round >= 0) (void)std::printf("%lld %lld\n", static_cast<long long>(ns[0]), static_cast<long long>(ns[1]));
+      if (round >= 0) (void)std::printf("%lld %lld %lld\n", ns[0], ns[1], ns[2]);
     }
     done = true;
     if (!serving) (void)::kill(::getpid(), SIGCHLD);  // wakes the other thread
@@ -111,7 +125,7 @@ class Measurement {
     return ns_of(first) - begin;
   }
 
-  int pairs_;
+  int rounds_;
   const char* program_;
   int moments_ = -1;
   std::atomic<int> deaths_{0};
@@ -128,7 +142,7 @@ void limit_descriptors(const char* text) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 7) give_up("usage: start_timer PAIRS SERVICES DESCRIPTORS direct|asked IDLE_PROGRAM PROGRAM");
+  if (argc != 7) give_up("usage: start_timer ROUNDS SERVICES DESCRIPTORS direct|asked IDLE_PROGRAM PROGRAM");
   limit_descriptors(argv[3]);
   if (!CProcessHost::instance().bind_to_this_thread()) give_up("no host");
   for (int number = std::stoi(argv[2]); number > 0; --number) start_ours(argv[5]);
