@@ -1,8 +1,12 @@
 #include "start_up.h"
 
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <string_view>
 
 #include "install_root.h"
 #include "paths.h"
@@ -10,6 +14,7 @@
 #include "platform/log.h"
 #include "platform/text.h"
 #include "platform/time.h"
+#include "platform/unique_fd.h"
 #include "process_end.h"
 #include "runtime_data.h"
 #include "startup_log.h"
@@ -60,6 +65,17 @@ bool is_writable(const Group& group) {
 // Whether a call may have reached the configuration service.
 bool is_delivered(int32_t result) {
   return result != CDBusChannel::call_closed && result != CDBusChannel::call_unanswerable;
+}
+
+// Asked by a connection, which the bus drops again: the socket is in its place a little before anybody may connect.
+bool bus_listens() {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  constexpr std::string_view path = Paths::bus_socket;
+  static_assert(path.size() < sizeof address.sun_path);
+  std::copy(path.begin(), path.end(), address.sun_path);
+  const UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  return ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 || errno == EAGAIN;
 }
 
 // In full, also on a thread that has been cancelled.
@@ -187,7 +203,7 @@ void CStartup::register_handlers() {
 // The bus daemon takes some milliseconds; an attempt before that is in vain, and the next one is half a second away.
 void CStartup::wait_until_bus_listens() {
   const int64_t end = CTime::getSystemStartupMilliSecond() + listen_wait_ms;
-  while (running && ::access(Paths::bus_socket, F_OK) != 0 && CTime::getSystemStartupMilliSecond() < end) {
+  while (running && !bus_listens() && CTime::getSystemStartupMilliSecond() < end) {
     if (wakeup.pend(listen_look_ms)) return;
   }
 }

@@ -1,11 +1,13 @@
 #include "fake_world.h"
 
 #include <semaphore.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
-#include <fstream>
 #include <string_view>
 
 #include "paths.h"
@@ -85,6 +87,20 @@ void pause_for(int64_t duration_ms) noexcept { World::get().advance_to(World::ge
 
 // --- processes
 
+namespace {
+
+UniqueFd bind_bus() {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::copy_n(Paths::bus_socket, std::string_view(Paths::bus_socket).size(), address.sun_path);
+  UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  (void)::unlink(Paths::bus_socket);
+  (void)::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  return socket;
+}
+
+}  // namespace
+
 int32_t fork_child(const CSpawnPlan& plan) {
   World& world = World::get();
   if (world.fork_fails) return -1;
@@ -92,7 +108,10 @@ int32_t fork_child(const CSpawnPlan& plan) {
   world.forks.push_back({pid, plan, world.now_ms});
   if (world.on_fork) world.on_fork(pid);
   if (plan.arguments.front() == "dbus-daemon") {
-    world.at_ms(world.now_ms + world.bus_listens_after_ms, [] { std::ofstream(Paths::bus_socket) << ""; });
+    // As a real one: its socket is in its place a little before it listens.
+    world.at_ms(world.now_ms + std::max<int64_t>(0, world.bus_listens_after_ms - 2),
+                [&world] { world.bus = bind_bus(); });
+    world.at_ms(world.now_ms + world.bus_listens_after_ms, [&world] { (void)::listen(world.bus.get(), 1); });
     if (world.bus_listens_after_ms == 0) world.advance_to(world.now_ms);
   }
   return pid;

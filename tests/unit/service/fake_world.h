@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/spawn_plan.h"
+#include "platform/unique_fd.h"
 
 namespace Tessaro::Iot::Fakes {
 
@@ -70,7 +71,8 @@ class World {
   size_t count_lines(const std::string& message) const;
 
   // --- the bus
-  int64_t bus_listens_after_ms = 0;  // that long after its start its socket is there
+  int64_t bus_listens_after_ms = 0;  // so long after its start
+  Component::UniqueFd bus;           // that listens
   std::function<bool(const std::string& channel)> bus_accepts;
   std::map<std::string, std::string> config;  // keys of the configuration service
   std::vector<std::string> config_calls;      // "get KEY", "set KEY=VALUE", "reset", "flush"
