@@ -1,7 +1,7 @@
 // usage: start_timer ROUNDS SERVICES DESCRIPTORS direct|asked IDLE_PROGRAM PROGRAM
 // With SERVICES idle services started and a limit of DESCRIPTORS open files, starts PROGRAM through the daemon's
-// process host, by a bare fork and exec and by a bare vfork and exec, in turn (A B C, C B A, A B C, ...). PROGRAM writes
-// the moment of its first instructions to its standard input. Prints for each round the nanoseconds up to there.
+// process host, by a bare fork and exec and by a bare vfork and exec, in turn (A B C, C B A, A B C, ...). PROGRAM
+// writes the moment of its first instructions to its standard input. Prints for each round the nanoseconds up to there.
 //   direct   on the thread that forks
 //   asked    on another one, which has to ask for it, as the daemon's controller and monitor do
 #include <sys/resource.h>
