@@ -15,7 +15,7 @@
 #include <unistd.h>
 
 // As long as the daemon's own lines are, in bytes: of the signal, of the wait for the process, and of its end.
-enum { kill_line = 92, wait_line = 79, process_exit_line = 75 };
+enum { kill_line = 92, wait_line = 74, process_exit_line = 82 };
 
 static int64_t now_ns(void) {
   struct timespec now;
