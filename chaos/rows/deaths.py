@@ -80,7 +80,8 @@ class EarlyDeaths:
      "800 services (each is left alone for 30 s after a start, so 200 would take an hour), fifty times a second one of "
      "them by chance, which is killed if it lives; a sixth of them is only killed when it has lived for 31 s. A wait "
      "begins with the death, or 31 s after the start if that is later. What is used is the least of some looks, after "
-     "1,000 restarts and at the end, without the threads' caches of free memory", short=50, long=20_000, seconds=(120, 1200))
+     "1,000 restarts and at the end, without the threads' caches of free memory",
+     short=50, long=20_000, seconds=(120, 1200))
 def kill_storm(run):
     """Every killed service comes back, once, and in time."""
     gateway = run.gateway()
