@@ -23,11 +23,10 @@ SANITIZED = os.path.join(REPOSITORY, "build-leaks")
 
 @row("leaks", "the stack brought down and up again",
      "\"reboot\", by a daemon whose threads wait a tenth of their time and have no caches of free memory; then, in "
-     "the long form, 50 cycles under "
-     "valgrind and 50 with the leak sanitizer; of what valgrind calls possibly lost the thread-local stores of the "
-     "threads that run are taken off. What the first half has used for the first time is not counted: "
-     "the slope is the median of those between any two of 100 moments of the second half, and what was gained is "
-     "between the least of its first and of its last twentieth, since memory goes up and down by a page or two",
+     "the long form, 50 cycles under valgrind and 50 with the leak sanitizer; of what valgrind calls possibly lost the "
+     "thread-local stores of the threads that run are taken off. What the first half has used for the first time is not "
+     "counted: the slope is the median of those between any two of 100 moments of the second half, and what was gained "
+     "is between the least of its first and of its last twentieth, since memory goes up and down by a page or two",
      short=60, long=2000, seconds=(90, 1200))
 def leaks(run):
     """A cycle leaves nothing behind."""
