@@ -1,7 +1,7 @@
 """usage: scripts/bench [--quick] [--resume | --kept] [--record] [NAME...]
 
 Builds the daemon as it is installed and measures it, in turn, beside the least that can do the same and beside other
-supervisors. Without a name: everything, which takes up to an hour. Names:
+supervisors. Without a name: everything, which takes half an hour. Names:
 
 {names}
 
