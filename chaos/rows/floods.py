@@ -46,8 +46,8 @@ def on_a_quiet_machine(run, limit):
 @row("keep-alive-flood", "a flood of keep-alives",
      "one client, as fast as the bus takes them, of 50 items; a second one feeds a deadline of 3 s (15 s in the short "
      "form) each second and asks for the report. Memory is that of the second half, without the threads' caches of "
-     "free memory. In the short form the times are "
-     "held against fifty times the goal, since other tests run beside it",
+     "free memory. In the short form, which other tests run beside, the times are held against fifty times the goal, "
+     "the rate against a tenth, and memory, in which messages may wait, against 2 MiB",
      short=8, long=600, seconds=(90, 1000))
 def keep_alive_flood(run):
     """The monitor keeps its pace, callers are served, and nothing is restarted."""
@@ -78,10 +78,10 @@ def keep_alive_flood(run):
     client.feed("iot.test.other", "main", deadline)  # it is answered behind all that was sent before
     tail.stop()
     restarts += sum(event.matches(RESTART) for event in tail.take())
-    return [at_least("keep-alives", sent, 1_000 * run.amount),
+    return [at_least("keep-alives", sent, (1_000 if run.is_long else 100) * run.amount),
             at_most("the monitor's pass off its second", pace(waits), on_a_quiet_machine(run, 50), "ms"),
             at_most("get_le_status, 99 of 100", percentile(answers, 0.99), on_a_quiet_machine(run, 20), "ms"),
-            at_most("resident memory gained", max(0, gained), 0 if run.is_long else 256, "KiB"),
+            at_most("resident memory gained", max(0, gained), 0 if run.is_long else 2048, "KiB"),
             none("false restarts", restarts, fed)]
 
 
