@@ -18,23 +18,29 @@ YEAR = 365 * 86_400
 RESTART = "threadProc, service(%s) status(%d) is abnormal"
 SERVICES = ("fed", "killed", "killed_late", "silent")
 WRAP = 2 ** 31  # seconds of uptime, from which on a signed number of 32 bits is negative
+LOOK = 60_000_000  # microseconds after which the daemon's main thread looks around when nothing has called it
 
 
 @row("clocks", "clocks that jump, and long uptimes",
      "the wall clock a year ahead or back, at random moments (a library stands between the daemon and its clock); "
      "beside it a gateway in a time namespace, whose uptime passes 2^31 s half-way. Services are killed at the "
      "beginning and at three quarters. Beyond 2^31 s the deadline of a keep-alive, a signed number of 32 bits, is "
-     "never reached: a service that falls silent there is not noticed, which the long form shows. In the short form "
-     "waits are held against fifty times the goal", short=40, long=600, seconds=(100, 1000))
+     "never reached: a service that falls silent there is not noticed, which the long form shows. The kernel lets a "
+     "poll end a thousandth later than asked, up to 0.1 s. For the main thread's look around, each minute when nothing "
+     "else has called it, that is more than the goal: nothing depends on that look, so it stays as it is and has a "
+     "figure of its own. In the short form waits are held against fifty times the goal",
+     short=40, long=600, seconds=(100, 1000))
 def clocks(run):
     """Waits take as long as they are to, and only what is to be restarted is."""
     ways = [jumping, long_up]
     answers = side_by_side(run, len(ways), lambda gateway, chance, number: ways[number](run, gateway, chance),
                            limit=run.amount + 50)
     waits = [wait for answer in answers for wait in answer["waits"]]
-    late = max(abs(taken - wanted) for wanted, taken in waits) / 1000
+    looks = [wait for wait in waits if wait[0] >= LOOK]
+    others = [wait for wait in waits if wait[0] < LOOK]
     figures = [at_least("waits that were measured", len(waits), run.amount * 3),
-               at_most("the wait that was furthest off", late, 20 if run.is_long else clock.stretched(1000), "ms"),
+               at_most("the wait that was furthest off", furthest_off(others),
+                       20 if run.is_long else clock.stretched(1000), "ms"),
                none("waits that went on for longer than they were to", sum(answer["longer"] for answer in answers),
                     sum(answer["begun"] for answer in answers)),
                at_least("jumps", answers[0]["jumps"], run.amount // 4),
@@ -42,9 +48,15 @@ def clocks(run):
                none("restarts that were due and did not come", sum(answer["missed"] for answer in answers),
                     sum(answer["due"] for answer in answers))]
     if run.is_long:
-        figures.append(at_least("services that fell silent beyond 2^31 s and were restarted",
-                                sum(answer["silent"] for answer in answers), 1))
+        figures += [at_most("the main thread's look around that was furthest off", furthest_off(looks), 20, "ms"),
+                    at_least("services that fell silent beyond 2^31 s and were restarted",
+                             sum(answer["silent"] for answer in answers), 1)]
     return figures
+
+
+def furthest_off(waits):
+    """By how many ms at most a wait took another time than was asked for."""
+    return max(abs(taken - wanted) for wanted, taken in waits) / 1000
 
 
 def jumping(run, gateway, chance):
@@ -135,7 +147,12 @@ def waits_of(gateway, slack):
                 begun += 1
                 continue
             wanted, begin = open_ones.pop(thread)
-            longer += int(moment) - begin > max(0, wanted) + slack
+            longer += int(moment) - begin > longest(wanted, slack)
             if int(value) and wanted >= 100_000:
                 waits.append((wanted, int(moment) - begin))
-    return waits, begun, longer + sum(now - begin > max(0, wanted) + slack for wanted, begin in open_ones.values())
+    return waits, begun, longer + sum(now - begin > longest(wanted, slack) for wanted, begin in open_ones.values())
+
+
+def longest(wanted, slack):
+    """What a wait may take in microseconds; a look around, as long as the kernel lets it."""
+    return max(0, wanted) + slack + (wanted // 1000 if wanted >= LOOK else 0)
