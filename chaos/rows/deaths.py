@@ -90,8 +90,10 @@ def kill_storm(run):
     gateway.catalogue(*[Service(name, monitor=1, delay=0.1 if number % 3 == 0 else None, program="exec sleep infinity")
                         for number, name in enumerate(names)])
     gateway.prepare_run_directory()
+    number_from(10_000)
     daemon = gateway.start(env=steady.environment())
     clock.until(lambda: UP.encode() in gateway.log.bytes(), 90, "the stack is up")
+    gateway.bus().report()  # it is the longest text that the daemon makes, and now as long as at the end
     storm = Storm(names, Pages(gateway), old_enough=500 if run.is_long else 5)
     base = storm.rage(run, gateway, daemon)
     whole = came(lambda: len(sleeping(daemon)) == len(names), 45)
@@ -106,6 +108,12 @@ def kill_storm(run):
             at_least("restarts of services older than 31 s", storm.old, storm.old_enough),
             at_most("longest wait", max(storm.waits), 1.05 if run.is_long else clock.stretched(8), "s"),
             *(gained(base, least_usage(daemon)) if base else [])]
+
+
+def number_from(first):
+    """Let new processes have numbers from here on."""
+    with open("/proc/sys/kernel/ns_last_pid", "w", encoding="ascii") as file:
+        file.write(str(first))
 
 
 def sleeping(daemon):
@@ -152,7 +160,6 @@ class Storm:
                 self.follow()
                 run.progress(len(self.waits))
             if base is None and len(self.waits) >= 1000:
-                gateway.bus().report()  # as at the end: it is the longest text that the daemon makes
                 base = least_usage(daemon)
                 next_kill = time.monotonic()
             self._kill(run.chance.choice(self.names))

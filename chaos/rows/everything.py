@@ -138,13 +138,11 @@ class Rounds:
 
     def used(self):
         """How many descriptors the daemon has, but for the one handle of a remote terminal that it has adopted: every
-        start of the stack that spares the terminal starts another one, which leaves again."""
+        start of the stack that spares the terminal starts another one, which leaves again. The handle stays until the
+        next start, whatever becomes of the terminal: it is no child, whose death would be told."""
         pid = self.faults.daemon.pid
-        names = os.listdir(f"/proc/{pid}/fd")
-        terminals = self.faults.processes().get("RemoteTerminalDaemon", [])
-        handles = [name for name in names for terminal in terminals
-                   if f"\nPid:\t{terminal}\n" in processes.proc(pid, f"fdinfo/{name}")]
-        return len(names) - min(1, len(handles))
+        files = [processes.link(pid, f"fd/{name}") for name in os.listdir(f"/proc/{pid}/fd")]
+        return len(files) - min(1, files.count("anon_inode:[pidfd]"))
 
     def round(self, seconds):
         """One."""
