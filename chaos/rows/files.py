@@ -80,7 +80,7 @@ NAMES = [f"s{number}" for number in range(16)]
 @row("disk", "nothing can be written, or opened",
      "a full disk, a file system that cannot be written to, directories that are gone, and a daemon without a free "
      "descriptor, each on a gateway of its own and for half a minute or a minute at a time, while services are killed; "
-     "one more is killed right after it", short=1, long=9, seconds=(160, 1200))
+     "one more is killed right after it", short=1, long=10, seconds=(160, 1200))
 def disk(run):
     """What is killed meanwhile is restarted, and afterwards the log is whole."""
     kinds = [Full, ReadOnly, Missing, NoDescriptors]
