@@ -2,6 +2,7 @@
 are to pass before it goes on, and at its end has undone what does not go away by itself."""
 
 import errno
+import itertools
 import json
 import mmap
 import os
@@ -99,6 +100,10 @@ class Faults:
         with open(path, "r+b") as file:
             return mmap.mmap(file.fileno(), 8)
 
+    def ahead(self):
+        """By how many seconds the daemon's wall clock is ahead."""
+        return struct.unpack("q", self._clock)[0]
+
     def start(self):
         """Start the daemon, as an operator does."""
         self.daemon = self.gateway.start(env=self.environment)
@@ -183,10 +188,12 @@ class Faults:
             return
         self.model.obstacle("bus")
         yield self.chance.uniform(0.5, 8)
+        # Told to end meanwhile it would do so now, and take the socket of its successor away: see docs/reliability.md.
+        told = int(processes.status_field(pid, "ShdPnd") or "0", 16) >> (signal.SIGTERM - 1) & 1
         try:
-            signal.pidfd_send_signal(handle, signal.SIGCONT)
+            signal.pidfd_send_signal(handle, signal.SIGKILL if told else signal.SIGCONT)
         except ProcessLookupError:
-            pass  # a new cycle has ended it
+            pass  # a new image has ended it
         os.close(handle)
         self.model.obstacle_removed("bus")
 
@@ -320,7 +327,18 @@ class Faults:
         self.model.stack_restarted(surely=False)
         yield self.chance.uniform(1, 6)
         resource.prlimit(pid, resource.RLIMIT_NOFILE, before)
+        self._raise_the_limit(free, before)
         self.model.obstacle_removed("descriptors")
+
+    def _raise_the_limit(self, low, usual):
+        """Whatever the daemon has started meanwhile has inherited its limit, and would keep it: a bus daemon that takes
+        a handful of connections."""
+        for pid in itertools.chain.from_iterable(self.processes().values()):
+            try:
+                if resource.prlimit(pid, resource.RLIMIT_NOFILE)[0] == low:
+                    resource.prlimit(pid, resource.RLIMIT_NOFILE, usual)
+            except ProcessLookupError:
+                pass
 
     @kind("clock")
     def turn_the_clock(self):

@@ -15,12 +15,14 @@ DIRECTORY = os.path.join(TOP, "build-chaos")
 # What the daemon is made of, and what every row tries it with. Documents, other tests and the gateway's services may
 # change without a new run.
 SOURCES = ("service", "platform", "interfaces", "cmake", "CMakeLists.txt", "gateway/bus/mbusd.conf", "chaos/preload",
-           "chaos/programs", "tests/system/harness", "tests/system/services", "scripts/private-root")
+           "chaos/programs", "tests/system/services", "scripts/private-root")
+# Where the modules lie that a row imports: those of chaos/ and the harness.
+ROOTS = ("chaos", "tests/system")
 # What a row runs beside its own file, what that imports, and the above. Not the corpus: fuzzing adds to it.
 ALSO = {"hostile-text": ("scripts/fuzz", "tests/fuzz/*.*"),
         "everything": ("gateway",),
         "races": ("scripts/test", "tests/tsan.supp", "tests/unit", "tests/fuzz/*.*", "tests/system/*.py",
-                  *(f"chaos/rows/{name}.py" for name in ("deaths", "signals", "floods")))}
+                  "tests/system/harness", *(f"chaos/rows/{name}.py" for name in ("deaths", "signals", "floods")))}
 
 
 def files_of(patterns):
@@ -35,23 +37,30 @@ def files_of(patterns):
     return found
 
 
-def modules_of(path, found):
-    """Add a Python file of chaos/, and those that it imports, to what was found."""
-    if path in found:
-        return found
-    found.add(path)
+def imported(path):
+    """What a Python file imports, as paths of modules without their ending: what they would be if they were ours."""
     with open(os.path.join(TOP, path), encoding="utf-8") as file:
         tree = ast.parse(file.read())
     for node in ast.walk(tree):
         names = []
         if isinstance(node, ast.ImportFrom):
-            names = [("rows." if node.level else "") + (node.module or "")]
+            module = node.module or ""
+            names = [module, *(f"{module}.{alias.name}" for alias in node.names)]
         elif isinstance(node, ast.Import):
             names = [alias.name for alias in node.names]
-        for name in names:
-            imported = f"chaos/{name.replace('.', '/')}.py"
-            if os.path.isfile(os.path.join(TOP, imported)):
-                modules_of(imported, found)
+        roots = (os.path.dirname(path),) if getattr(node, "level", 0) else ROOTS
+        yield from (os.path.join(root, *name.split(".")) for root in roots for name in names)
+
+
+def modules_of(path, found):
+    """Add a Python file, and those of ours that it imports, to what was found."""
+    if path in found:
+        return found
+    found.add(path)
+    for module in imported(path):
+        for file in (module + ".py", os.path.join(module, "__init__.py")):
+            if os.path.isfile(os.path.join(TOP, file)):
+                modules_of(file, found)
     return found
 
 

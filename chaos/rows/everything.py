@@ -11,7 +11,7 @@ import sys
 import time
 
 import dbus
-from faults import KINDS, Faults
+from faults import KINDS, Faults, started_at, up_time
 from harness import clock, processes, staging
 from harness.bus import CONFIGURATION, DAEMON, WATCHDOG, Bus
 from harness.gateway import PID_FILE, RUN, Service
@@ -158,12 +158,20 @@ class Rounds:
             left = self.settled()
         if left:
             self.missed += 1
-            self.wrong.append(f"{'; '.join(left)} (after {' '.join(told[-40:])})")
-            print("    " + self.wrong[-1], file=sys.stderr, flush=True)
+            names = [f"{name} {moment - begin:+.1f}" for moment, name in told[-40:]]
+            self.wrong.append(f"{'; '.join(left)} (after {', '.join(names)})")
+            print("    " + "\n    ".join([self.wrong[-1], *self.seen()]), file=sys.stderr, flush=True)
             self.help()
 
+    def seen(self):
+        """Lines for whoever asks why: the processes, and the end of the log."""
+        yield time.strftime("%F %T, by the daemon's clock", time.localtime(time.time() + self.faults.ahead()))
+        for name, pids in self.faults.processes().items():
+            yield f"{name}: " + ", ".join(f"{pid}, {up_time() - started_at(pid):.1f} s old" for pid in pids)
+        yield from self.gateway.log.bytes().decode("utf-8", "backslashreplace").splitlines()[-200:]
+
     def throw(self, seconds, kinds):
-        """Throw faults of these kinds for so long, and let the last ones end; give their names."""
+        """Throw faults of these kinds for so long, and let the last ones end; give their moments and names."""
         end, due = time.monotonic() + seconds, time.monotonic()
         count, waiting, busy, told = itertools.count(), [], set(), []
         while (now := time.monotonic()) < end or waiting:
@@ -172,7 +180,7 @@ class Rounds:
                 free = [name for name in kinds if not busy & set(KINDS[name][0])]
                 if free:
                     name = self.chance.choice(free)
-                    told.append(name)
+                    told.append((now, name))
                     needs, body = KINDS[name]
                     busy |= set(needs)
                     heapq.heappush(waiting, (now, next(count), needs, body(self.faults)))

@@ -1,10 +1,13 @@
 """The short form of every row of scripts/chaos."""
 
 import os
+import socket
 import sys
+import threading
 
 import pytest
-from harness import staging
+from harness import bus, staging
+from harness.raw_bus import RawBus
 from harness.sandbox import REPOSITORY
 
 sys.path.insert(0, os.path.join(REPOSITORY, "chaos"))
@@ -30,3 +33,21 @@ def test_what_the_gateway_survives(gateway, name):
     assert all(isinstance(figure, Figure) for figure in figures)
     missed = [f"{figure.text()}, and not {figure.goal}" for figure in figures if not figure.met]
     assert not missed, "; ".join(missed)
+
+
+def test_a_client_of_the_faults_gives_up_on_a_bus_that_leaves_before_it_is_let_in():
+    """As one does that is killed then. Waiting on, it would look for more without end."""
+    os.makedirs(os.path.dirname(bus.SOCKET), exist_ok=True)
+    with socket.socket(socket.AF_UNIX) as listener:
+        listener.bind(bus.SOCKET)
+        listener.listen()
+
+        def leave():
+            connection, _ = listener.accept()
+            connection.recv(4096)  # unread it would be an error for the client, and not an end
+            connection.close()
+        bus_daemon = threading.Thread(target=leave)
+        bus_daemon.start()
+        with pytest.raises(ConnectionResetError):
+            RawBus()
+        bus_daemon.join()

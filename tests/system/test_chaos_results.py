@@ -13,10 +13,13 @@ from row import Figure  # noqa: E402
 
 ROW = "chaos/rows/one.py"
 FILES = {ROW: "from watchers import Load\nfrom .other import help\ndef body(): pass\n", "chaos/rows/other.py": "",
-         "chaos/rows/third.py": "", "chaos/watchers.py": "import pages\n", "chaos/pages.py": "", "chaos/faults.py": "",
+         "chaos/rows/__init__.py": "from . import one, other, third\n", "chaos/rows/third.py": "",
+         "chaos/watchers.py": "import pages\nfrom harness import bus\n", "chaos/pages.py": "", "chaos/faults.py": "",
          "service/main.cpp": "", "gateway/bus/mbusd.conf": "", "gateway/lib/service.cpp": "", "docs/bus.md": "",
-         "chaos/preload/wall_clock.c": "", "tests/system/harness/bus.py": "", "tests/system/test_tour.py": "",
-         "tests/fuzz/text.cpp": "", "tests/fuzz/corpus/text/empty": "", "scripts/fuzz": ""}
+         "chaos/preload/wall_clock.c": "", "tests/system/harness/bus.py": "from . import clock\n",
+         "tests/system/harness/clock.py": "", "tests/system/harness/raw_bus.py": "from . import bus\n",
+         "tests/system/test_tour.py": "", "tests/fuzz/text.cpp": "", "tests/fuzz/corpus/text/empty": "",
+         "scripts/fuzz": ""}
 
 
 def write(path, text):
@@ -48,7 +51,8 @@ def changes(row, path):
 def test_a_result_is_stale_when_a_file_changes_that_it_depends_on_and_only_then(row):
     depends = {path for path in FILES if changes(row, path)}
     assert depends == {ROW, "chaos/rows/other.py", "chaos/watchers.py", "chaos/pages.py", "service/main.cpp",
-                       "gateway/bus/mbusd.conf", "chaos/preload/wall_clock.c", "tests/system/harness/bus.py"}
+                       "gateway/bus/mbusd.conf", "chaos/preload/wall_clock.c", "tests/system/harness/bus.py",
+                       "tests/system/harness/clock.py"}
     assert changes(row, "service/new.cpp")
     row.name = "hostile-text"
     assert [path for path in ("scripts/fuzz", "tests/fuzz/text.cpp", "tests/fuzz/corpus/text/empty")

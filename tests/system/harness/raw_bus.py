@@ -108,7 +108,10 @@ class RawBus:
         self.socket.sendall(b"\0AUTH EXTERNAL " + str(os.getuid()).encode().hex().encode() + b"\r\n")
         self.data = b""
         while b"\n" not in self.data:
-            self.data += self.socket.recv(4096)
+            piece = self.socket.recv(4096)
+            if not piece:
+                raise ConnectionResetError("the bus has closed the connection")
+            self.data += piece
         assert self.data.startswith(b"OK "), self.data
         self.data = b""
         self.socket.sendall(b"BEGIN\r\n")
