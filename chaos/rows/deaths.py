@@ -77,37 +77,24 @@ class EarlyDeaths:
 
 
 @row("kill-storm", "kill -9 storm",
-     "800 services (each is left alone for 30 s after a start, so 200 would take an hour), fifty times a second one of "
-     "them by chance, which is killed if it lives; a sixth of them is only killed when it has lived for 31 s. A wait "
-     "begins with the death, or 31 s after the start if that is later. What is used is the least of some looks, after "
-     "1,000 restarts and at the end, without the threads' caches of free memory",
+     "four gateways side by side, since a service is left alone for 30 s after a start; each has 200 services, and "
+     "fifty times a second one of them by chance is killed if it lives; a sixth of them is only killed when it has "
+     "lived for 31 s. A wait begins with the death, or 31 s after the start if that is later. What is used is the "
+     "least of some looks, after 1,000 restarts and at the end, without the threads' caches of free memory",
      short=50, long=20_000, seconds=(120, 1200))
 def kill_storm(run):
     """Every killed service comes back, once, and in time."""
-    gateway = run.gateway()
-    names = [f"s{number}" for number in range(800 if run.is_long else 60)]
-    # A pause here and there spreads the starts: else all would be due in the same pass for ever.
-    gateway.catalogue(*[Service(name, monitor=1, delay=0.1 if number % 3 == 0 else None, program="exec sleep infinity")
-                        for number, name in enumerate(names)])
-    gateway.prepare_run_directory()
-    number_from(10_000)
-    daemon = gateway.start(env=steady.environment())
-    clock.until(lambda: UP.encode() in gateway.log.bytes(), 90, "the stack is up")
-    gateway.bus().report()  # it is the longest text that the daemon makes, and now as long as at the end
-    storm = Storm(names, Pages(gateway), old_enough=500 if run.is_long else 5)
-    base = storm.rage(run, gateway, daemon)
-    whole = came(lambda: len(sleeping(daemon)) == len(names), 45)
-    for _ in range(2):
-        storm.follow()
-    active = gateway.bus().report().count("\033[32mactive")
-    return [at_least("restarts", len(storm.waits), run.amount),
-            none("services lost", len(names) - min(active, len(sleeping(daemon))), len(names)),
-            none("services started beside their living process",
-                 storm.doubled + (0 if whole else max(0, len(sleeping(daemon)) - len(names))), len(storm.waits)),
-            none("restarts within 30 s of the last start", storm.early, len(storm.waits)),
-            at_least("restarts of services older than 31 s", storm.old, storm.old_enough),
-            at_most("longest wait", max(storm.waits), 1.05 if run.is_long else clock.stretched(8), "s"),
-            *(gained(base, least_usage(daemon)) if base else [])]
+    answers, _ = shared_out(run, lambda gateway, chance: Storm(gateway, chance, run), counts=(1, 4), limits=(110, 1150))
+    services, restarts, lost, doubled, early, old = (sum(answer[what] for answer in answers) for what in
+                                                     ("services", "restarts", "lost", "doubled", "early", "old"))
+    return [at_least("restarts", restarts, run.amount),
+            none("services lost", lost, services),
+            none("services started beside their living process", doubled, restarts),
+            none("restarts within 30 s of the last start", early, restarts),
+            at_least("restarts of services older than 31 s", old, 500 if run.is_long else 5),
+            at_most("longest wait", max(answer["wait"] for answer in answers),
+                    1.05 if run.is_long else clock.stretched(8), "s"),
+            *(gained([answer["used"] for answer in answers]) if run.is_long else [])]
 
 
 def number_from(first):
@@ -130,44 +117,69 @@ def least_usage(daemon):
     return [min(values) for values in zip(*looks)]
 
 
-def gained(before, now):
-    """The figures of what a daemon uses more than before."""
-    memory, descriptors, threads = (max(0, later - earlier) for earlier, later in zip(before, now))
-    return [at_most("resident memory gained", memory, 0, "KiB"), none("descriptors gained", descriptors, now[1]),
-            none("threads gained", threads, now[2])]
+def gained(looks):
+    """The figures of what daemons use more than before; of each two looks."""
+    memory, descriptors, threads = (sum(max(0, now[what] - before[what]) for before, now in looks) for what in range(3))
+    return [at_most("resident memory gained", memory, 0, "KiB"),
+            none("descriptors gained", descriptors, sum(now[1] for _, now in looks)),
+            none("threads gained", threads, sum(now[2] for _, now in looks))]
 
 
 class Storm:
-    """Kills, and what the log tells of them."""
+    """One gateway: kills, and what its log tells of them."""
 
     EVERY = 0.02
 
-    def __init__(self, names, pages, old_enough):
-        self.names, self.pages, self.old_enough = names, pages, old_enough
-        self.patient = set(names[::6])
+    def __init__(self, gateway, chance, run):
+        self.gateway, self.chance, self.run = gateway, chance, run
+        self.pages = Pages(gateway)
+        self.names = [f"s{number}" for number in range(200 if run.is_long else 60)]
+        self.patient = set(self.names[::6])
+        self.old_enough = 125 if run.is_long else 5
         self.doubled = self.early = self.old = 0
         self.waits = []
         # A start counts from the line before it: what follows may be held up.
         self._pids, self._asked, self._started, self._died = {}, {}, {}, {}
 
-    def rage(self, run, gateway, daemon):
-        """Kill until enough has been restarted; give what the daemon used after the first thousand."""
+    def work(self, _number, amount):
+        """So many restarts; give what they came to."""
+        # The delays spread the starts, of 200 over the 31 s from one restart to the next: else all would be due in the
+        # same pass for ever.
+        self.gateway.catalogue(*[Service(name, monitor=1, delay=0.15 if self.run.is_long else 0.03,
+                                         program="exec sleep infinity") for name in self.names])
+        self.gateway.prepare_run_directory()
+        number_from(10_000)
+        daemon = self.gateway.start(env=steady.environment())
+        clock.until(lambda: UP.encode() in self.gateway.log.bytes(), 90, "the stack is up")
+        self.gateway.bus().report()  # it is the longest text that the daemon makes, and now as long as at the end
+        base = self._rage(amount, daemon)
+        whole = came(lambda: len(sleeping(daemon)) == len(self.names), 45)
+        for _ in range(2):
+            self._follow()
+        living = len(sleeping(daemon))
+        active = self.gateway.bus().report().count("\033[32mactive")
+        return {"services": len(self.names), "restarts": len(self.waits), "lost": len(self.names) - min(active, living),
+                "doubled": self.doubled + (0 if whole else max(0, living - len(self.names))), "early": self.early,
+                "old": self.old, "wait": max(self.waits), "used": (base, least_usage(daemon))}
+
+    def _rage(self, amount, daemon):
+        """Kill until enough has been restarted; give what the daemon used after the first thousand, or at the end."""
         base = None
         next_kill = next_look = time.monotonic()
-        while len(self.waits) < run.amount or self.old < self.old_enough:
+        while len(self.waits) < amount or self.old < self.old_enough:
             if time.monotonic() >= next_look:
                 next_look = time.monotonic() + 0.5
-                self.follow()
-                run.progress(len(self.waits))
+                self._follow()
+                self.run.progress(len(self.waits), "of one of them")
             if base is None and len(self.waits) >= 1000:
                 base = least_usage(daemon)
                 next_kill = time.monotonic()
-            self._kill(run.chance.choice(self.names))
+            self._kill(self.chance.choice(self.names))
             next_kill += self.EVERY
             pause(max(0.0, next_kill - time.monotonic()))
-        return base
+        return base or least_usage(daemon)
 
-    def follow(self):
+    def _follow(self):
         """Follow the log."""
         for event in self.pages.turn():
             if event.matches(DEAD):
