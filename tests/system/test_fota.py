@@ -658,8 +658,14 @@ def test_the_command_fails_with_the_update(installed):
     new = installed.path("new")
     put(new + "/bin/tool", b"tool\n")
     put(new + "/SHA256SUMS", line_of("bin/tool", b"other\n").encode())
-    shown = command(installed, new)
+    for path in ("", "/bin", "/bin/tool", "/SHA256SUMS"):
+        os.chmod(new + path, 0o777)
+    os.symlink(new, new + ".link")
+    shown = command(installed, new + ".link")
     assert (shown.status, str(shown.stdout).splitlines()[-1]) == (1, "refused bin/tool: the sum is wrong")
+    # Nobody else could have changed what has come.
+    kept = [FOTA + "/update.refused" + path for path in ("", "/bin", "/bin/tool", "/SHA256SUMS")]
+    assert [os.stat(path).st_mode & 0o777 for path in kept] == [0o755] * 4
     # The same end again is seen as well.
     shown = command(installed, new)
     assert (shown.status, str(shown.stdout).splitlines()[-1]) == (1, "refused bin/tool: the sum is wrong")
