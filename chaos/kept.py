@@ -14,15 +14,15 @@ TOP = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 DIRECTORY = os.path.join(TOP, "build-chaos")
 # What the daemon is made of, and what every row tries it with. Documents, other tests and the gateway's services may
 # change without a new run.
-SOURCES = ("service", "platform", "interfaces", "cmake", "CMakeLists.txt", "gateway/bus/mbusd.conf", "chaos/preload",
-           "chaos/programs", "tests/system/services", "scripts/private-root")
+SOURCES = ("service", "platform", "interfaces", "cmake", "CMakeLists.txt", "CMakePresets.json",
+           "gateway/bus/mbusd.conf", "chaos/preload", "chaos/programs", "tests/system/services", "scripts/private-root")
 # Where the modules lie that a row imports: those of chaos/ and the harness.
 ROOTS = ("chaos", "tests/system")
 # What a row runs beside its own file, what that imports, and the above. Not the corpus: fuzzing adds to it.
 ALSO = {"hostile-text": ("scripts/fuzz", "tests/fuzz/*.*"),
         "everything": ("gateway",),
         "races": ("scripts/test", "tests/tsan.supp", "tests/unit", "tests/fuzz/*.*", "tests/system/*.py",
-                  "tests/system/harness", *(f"chaos/rows/{name}.py" for name in ("deaths", "signals", "floods")))}
+                  "tests/system/harness", "gateway", "chaos/*.py", "chaos/rows")}
 
 
 def files_of(patterns):

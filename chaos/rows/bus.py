@@ -86,9 +86,12 @@ class Kills:
         pause(self.chance.uniform(0, {"up": 0.3, "early": 0.0, "start": 0.5, "teardown": 0.0015}[phase]))
         killed = time.time()
         hit = kill(victim)
-        if not came(lambda: is_back(self.gateway, 1 if phase in ("up", "teardown") else 2), 40):
+        back = came(lambda: is_back(self.gateway, 1 if phase in ("up", "teardown") else 2), 40)
+        if phase == "early" and GIVEN_UP not in self.gateway.log.bytes():
+            phase = "start"  # the channel was faster
+        if not back:
             self.lost += 1
-        elif phase == "early" and GIVEN_UP in self.gateway.log.bytes():
+        elif phase == "early":
             self.early.append(way_back(self.gateway, killed))
         elif hit:
             self.waits.append(way_back(self.gateway, killed))
