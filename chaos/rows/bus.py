@@ -13,6 +13,8 @@ from pages import Pages, came, pause
 from row import at_least, at_most, none, row, sleepers
 from side_by_side import shared_out
 
+from .deaths import in_memory
+
 CONNECTED = "watchdog success to connect dbus daemon"
 DOWN = "stop monitor service"
 GIVEN_UP = b"fail to connect dbus daemon"
@@ -26,7 +28,8 @@ CATALOGUE = [*sleepers(4), Service("named", bus="iot.test.named", monitor=1),
      "counts when it met a living bus daemon. Times are from the kill to the end of the start, less the 0.3 s of delay "
      "in the catalogue. The death of the bus daemon before the first channel has reached it is not looked at, on "
      "purpose: whether a bus is there shows when a channel connects. All 31 attempts of that cycle, half a second "
-     "apart, are made first, so that way back is longer than the goal, and has a figure of its own. Side by side",
+     "apart, are made first, so that way back is longer than the goal, and has a figure of its own. The programs lie "
+     "on a file system in memory, since a start waits for the disk. Side by side",
      short=8, long=500, seconds=(120, 1200))
 def bus_killed(run):
     """The gateway comes back, and nothing but the order of a start takes its time."""
@@ -55,12 +58,12 @@ class Kills:
               "early": "before the first channel has reached the bus"}
 
     def __init__(self, gateway, chance, run):
-        self.gateway, self.chance, self.run = gateway, chance, run
-        self.pages = Pages(gateway)
+        self.gateway, self.chance, self.run = in_memory(gateway), chance, run
+        self.pages = Pages(self.gateway)
         self.kills = dict.fromkeys(self.PHASES, 0)
         self.waits, self.early, self.lost = [], [], 0
-        gateway.prepare_run_directory()
-        gateway.catalogue(*CATALOGUE)
+        self.gateway.prepare_run_directory()
+        self.gateway.catalogue(*CATALOGUE)
 
     def work(self, _number, times):
         """Rounds until that many kills have met their victim; give the times and what was wrong."""
