@@ -369,7 +369,7 @@ class Browser:
     HOME = "/tmp/browser"
     NO_PAGE = -32000
 
-    def __init__(self, url):
+    def __init__(self):
         os.makedirs(self.HOME)
         commands_read, commands_write = self._pipe()
         answers_read, answers_write = self._pipe()
@@ -386,6 +386,10 @@ class Browser:
         self._commands, self._answers, self._read = commands_write, answers_read, b""
         self._numbers = itertools.count(1)
         self._session = None
+        self.command("Browser.getVersion")  # once it answers, it has started
+
+    def open(self, url):
+        """Open the page."""
         target = self.command("Target.createTarget", url=url)["targetId"]
         self._session = self.command("Target.attachToTarget", targetId=target, flatten=True)["sessionId"]
 
@@ -468,7 +472,8 @@ def test_a_browser_shows_the_true_names_states_and_process_numbers_and_follows_t
                  Service("gone", program=MISSING, monitor=1))
     web.gateway.up()
     clock.until(web.answers, 10, "the page")
-    browser = Browser(web.url)
+    browser = Browser()
+    browser.open(web.url)
     for name in ("config-manager", "victim", marked, *SERVICES):
         browser.wait_for_row(name, "active", str(web.gateway.pid_of(name)))
     browser.wait_for_row("gone", "inactive", "–")
@@ -492,13 +497,14 @@ def test_a_browser_shows_the_true_names_states_and_process_numbers_and_follows_t
 @pytest.mark.takes(60)
 @pytest.mark.limit(240)
 def test_a_browser_is_told_when_the_data_are_old_or_missing_and_recovers(web):
+    browser = Browser()  # it may take longer to start than the supervisor leaves a stopped collector alone
     daemon = web.gateway.up()
     clock.until(web.answers, 10, "the page")
     collector = web.gateway.pid_of("web-state.py")
     os.kill(collector, signal.SIGSTOP)
     if os.path.exists(STATE_FILE):
         os.unlink(STATE_FILE)
-    browser = Browser(web.url)
+    browser.open(web.url)
     browser.wait_for_notice("The gateway has no reading yet.")
     os.kill(collector, signal.SIGCONT)
     browser.wait_for_notice("")
